@@ -1,0 +1,5 @@
+#include "QThreadC.h"
+
+QThreadC::~QThreadC() = default;
+
+void QThreadC::run() { m_body(); }

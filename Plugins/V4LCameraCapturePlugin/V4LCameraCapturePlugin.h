@@ -1,0 +1,139 @@
+#pragma once
+// Camera source element: captures from a Video4Linux2 (UVC) camera into DMA-BUF frames and
+// delivers coded video on its single output pin. H.264, MJPEG and HEVC cameras are passed
+// through; YUYV and NV12 cameras are encoded to H.264.
+
+#include <QObject>
+#include <QThread>
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "Codec/MediaBuffer.h"
+#include "Codec/MediaCodec.h"
+#include "Codec/MediaMem.h"
+#include "IMediaElement.h"
+#include "MediaFrame.h"
+#include "MediaPin.h"
+
+struct v4l2_buffer;
+
+// Copies n bytes; on ARM with NEON it moves 64 bytes per step through d0-d7.
+void memcpy_neon(void* dst, const void* src, int n);
+
+extern "C" {
+extern int log_level;
+extern int enable_minilog;
+int UvcExtenFuncSet(int fd, int selector, void* data, unsigned int size);
+int UvcExtenFuncGet(int fd, int selector, void* data, unsigned int size);
+}
+
+class V4LCameraCapturePlugin : public IMediaElement {
+    Q_OBJECT
+    Q_PLUGIN_METADATA(IID "org.IMediaElement/1.0")
+    Q_INTERFACES(IMediaElement)
+
+public:
+    // One coded frame on its way to the output pin: owned bytes and their length.
+    class SendBuffer {
+    public:
+        SendBuffer(void* source, unsigned int length);
+        ~SendBuffer();
+        SendBuffer(const SendBuffer&) = delete;
+        SendBuffer& operator=(const SendBuffer&) = delete;
+
+        uint8_t* data;
+        uint32_t size;
+    };
+
+    V4LCameraCapturePlugin();
+    ~V4LCameraCapturePlugin() override;
+
+    // Contract.
+    QString getName() override;
+    int getType() override;
+    int getState() override;
+    int initialize() override;
+    int start() override;
+    int play() override;
+    int pause() override;
+    int stop() override;
+    QList<MediaInputPin*> getInputPinList() override;
+    QList<MediaOutputPin*> getOutputPinList() override;
+    int activeInputPin(MediaInputPin* pin, MediaFormat format) override;
+    int activeOutPin(MediaOutputPin* pin, MediaFormat format) override;
+    int setAttribute(QString key, QVariant value) override;
+    QVariant getAttribute(QString key) override;
+
+    // Device management.
+    int v4l2_dev_open();
+    int v4l2_dev_open(int* fd);
+    QList<MediaFormat> listCameraFormat(int fd);
+    int v4l2_set_format();
+    int resetUsbCamera();
+
+    // Capture streaming.
+    int v4l2_init_buffer();
+    void v4l2_release_buffer();
+    int v4l2_stream_on();
+    int v4l2_stream_off();
+    int v4l2_get_one_frame2();
+    int v4l2_get_one_frame(MediaFrame* frame);
+    int v4l2_h264_force_idr();
+
+    // Data path.
+    void video_frame();
+    void initEncoder();
+    void deinitEncoder();
+    int v4l2_get_one_frame_yuv();
+    void video_send_frame();
+
+    static bool m_isStreaming;
+
+signals:
+    void empty();
+    void sigSendFrame();
+    void sigQuit();
+
+private:
+    // Steps every read shares; `caller` names the read in its log lines.
+    bool waitReadable(const char* caller);
+    bool dequeueBuffer(v4l2_buffer* buf, const char* caller, const char* failFormat);
+    int requeueBuffer(v4l2_buffer* buf, const char* caller);
+    // The capture frame behind a dequeued buffer and how many of its bytes may be read;
+    // null when the index has no frame.
+    Codec::MediaFrame* capturedFrame(const v4l2_buffer& buf, uint32_t* bytes, const char* caller);
+
+    // Send queue: append one frame and wake the sender; length; drop everything.
+    void pushSendBuffer(const void* source, unsigned int length);
+    size_t sendQueueLength();
+    void flushSendQueue();
+
+public:
+    // Fields, in this order; the capture loop, the sender and tests read them by name.
+    int m_fd = -1;
+    std::array<std::shared_ptr<Codec::MediaFrame>, 4> m_frames;
+    MediaOutputPin* m_outputPin = nullptr;
+    std::thread m_captureThread;
+    QThread* m_workThread = nullptr;
+    QObject* m_worker = nullptr;
+    int m_width = 0;
+    int m_height = 0;
+    uint32_t m_format = 0;
+    std::atomic<bool> m_running{false};
+    int m_state = 0;
+    int m_frameRateDen = 1;
+    int m_frameRateNum = 30;
+    bool m_netState = false;
+    Codec::Encoder* m_encoder = nullptr;
+    Codec::MediaMem* m_mediaMem = nullptr;
+    std::mutex m_sendMutex;
+    std::deque<std::unique_ptr<SendBuffer>> m_sendQueue;
+    std::condition_variable m_sendCond;
+};

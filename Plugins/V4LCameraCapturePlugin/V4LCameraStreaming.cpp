@@ -1,0 +1,336 @@
+// Capture streaming: the DMA-BUF capture buffers, the driver's streaming state, taking
+// filled buffers from the driver (compressed formats and the direct read), and controls.
+
+#include "V4LCameraCapturePlugin.h"
+
+#include <linux/usb/video.h>
+#include <linux/uvcvideo.h>
+#include <linux/videodev2.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "ElementLog.h"
+
+namespace {
+
+constexpr unsigned kSlots = 4;
+constexpr uint32_t kHevcPieceBytes = 1920 * 1080 * 3 / 2;  // 3,110,400
+constexpr size_t kH264Backlog = 200;
+
+int align16(int x) { return (x + 15) & ~15; }
+
+// Frames own their memory through the allocator; the deleter gives it back first.
+void deleteCaptureFrame(Codec::MediaFrame* frame)
+{
+    Codec::MediaMem::free(frame);
+    delete frame;
+}
+
+void clearBuffer(v4l2_buffer* buf)
+{
+    std::memset(buf, 0, sizeof *buf);
+    buf->type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    buf->memory = V4L2_MEMORY_DMABUF;
+}
+
+// True when data starts with an Annex B start code whose NAL unit has the given type.
+bool isNalFrame(unsigned char type, const void* data, int length)
+{
+    if (length <= 4)
+        return false;
+    const auto* p = static_cast<const unsigned char*>(data);
+    if (p[0] != 0 || p[1] != 0)
+        return false;
+    unsigned char header;
+    if (p[2] == 1)
+        header = p[3];
+    else if (p[2] == 0 && p[3] == 1)
+        header = p[4];
+    else
+        return false;
+    return (header & 0x1f) == type;
+}
+
+// Whether an H.264 access unit begins with an IDR slice, possibly behind SPS and PPS.
+bool startsWithKeyFrame(const unsigned char* p, int n)
+{
+    for (;;) {
+        if (isNalFrame(5, p, n))
+            return true;
+        if (!isNalFrame(7, p, n) && !isNalFrame(8, p, n))
+            return false;
+        const unsigned char* q = p + 4;
+        int m = n - 4;
+        bool found = false;
+        for (; m >= 5; ++q, --m) {
+            if (q[0] == 0 && q[1] == 0 && (q[2] == 1 || (q[2] == 0 && q[3] == 1))) {
+                found = true;
+                break;
+            }
+        }
+        if (!found)
+            return false;
+        p = q;
+        n = m;
+    }
+}
+
+int uvcExtensionQuery(int fd, int selector, void* data, unsigned int size, uint8_t query)
+{
+    if (fd < 0)
+        return -1;
+    uvc_xu_control_query xu;
+    std::memset(&xu, 0, sizeof xu);
+    xu.unit = 9;
+    xu.selector = uint8_t(selector);
+    xu.query = query;
+    xu.size = uint16_t(size);
+    xu.data = static_cast<uint8_t*>(data);
+    return ioctl(fd, UVCIOC_CTRL_QUERY, &xu) >= 0 ? 0 : -1;
+}
+
+} // namespace
+
+// ---- buffers and streaming ----------------------------------------------------------
+
+int V4LCameraCapturePlugin::v4l2_init_buffer()
+{
+    v4l2_requestbuffers req;
+    std::memset(&req, 0, sizeof req);
+    req.count = kSlots;
+    req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    req.memory = V4L2_MEMORY_DMABUF;
+    if (ioctl(m_fd, VIDIOC_REQBUFS, &req) < 0) {
+        ELEMENT_LOG(0, "%s:%d ERROR: request buffer failed\n\n");
+        return -1;
+    }
+    unsigned granted = req.count;
+    if (granted > kSlots) {
+        // We own four slots; extra buffers simply stay unused with the driver.
+        ELEMENT_LOG(1, "%s:%d WARN: driver granted %u buffers, using %u\n", granted, kSlots);
+        granted = kSlots;
+    }
+
+    // A setup that failed earlier may have left an allocator; its frames free themselves.
+    Codec::MediaMem::destroy(m_mediaMem);
+    m_mediaMem = Codec::MediaMem::create(Codec::MEDIA_BUFFER_TYPE_DMA);
+
+    for (unsigned i = 0; i < granted; ++i) {
+        v4l2_buffer buf;
+        clearBuffer(&buf);
+        buf.index = i;
+        if (ioctl(m_fd, VIDIOC_QUERYBUF, &buf) < 0) {
+            ELEMENT_LOG(0, "%s:%d ERROR: VIDIOC_QUERYBUF failed!!  n_buffers=%d\n\n", int(i));
+            return -1;
+        }
+        ELEMENT_LOG(4, "%s:%d DEBUG: V4LCameraCapturePlugin::v4l2_init_buffer------------!!  buf.length=%d\n\n",
+                    int(buf.length));
+
+        std::shared_ptr<Codec::MediaFrame> frame(new Codec::MediaFrame(), deleteCaptureFrame);
+        m_mediaMem->alloc(frame.get(), 3 * align16(m_width) * align16(m_height));
+        if (m_format == FOURCC_NV12) {
+            frame->format = Codec::PIXEL_FORMAT_NV12;
+            frame->horStride = uint32_t(m_width);
+        } else if (m_format == FOURCC_YUYV) {
+            frame->format = Codec::PIXEL_FORMAT_YUYV;
+            frame->horStride = uint32_t(2 * m_width);
+        }
+        frame->width = uint32_t(m_width);
+        frame->height = uint32_t(m_height);
+        frame->verStride = uint32_t(m_height);
+        m_frames[i] = std::move(frame);
+
+        buf.m.fd = m_frames[i]->fd;
+        buf.length = m_frames[i]->size;
+        const int ret = ioctl(m_fd, VIDIOC_QBUF, &buf);
+        if (ret < 0) {
+            ELEMENT_LOG(0, "%s:%d ERROR: enqueue failed index = %d  error=%d\n\n", int(i), ret);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+void V4LCameraCapturePlugin::v4l2_release_buffer()
+{
+    for (auto& frame : m_frames)
+        frame.reset();
+    Codec::MediaMem::destroy(m_mediaMem);
+    m_mediaMem = nullptr;
+}
+
+int V4LCameraCapturePlugin::v4l2_stream_on()
+{
+    if (m_isStreaming) {
+        ELEMENT_LOG(0, "%s:%d ERROR: v4l2_stream_on#m_isStreaming() true\n\n");
+        return 0;
+    }
+    int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    if (ioctl(m_fd, VIDIOC_STREAMON, &type) < 0) {
+        ELEMENT_LOG(0, "%s:%d ERROR: v4l2_stream_on#open stream failed\n\n");
+        return -1;
+    }
+    m_isStreaming = true;
+    ELEMENT_LOG(2, "%s:%d INFO: open stream succed\n");
+    return 0;
+}
+
+int V4LCameraCapturePlugin::v4l2_stream_off()
+{
+    m_isStreaming = false;
+    int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    if (ioctl(m_fd, VIDIOC_STREAMOFF, &type) < 0)
+        ELEMENT_LOG(0, "%s:%d ERROR: off stream failed\n\n");
+    return 0;
+}
+
+// ---- the steps every read shares ----------------------------------------------------
+
+bool V4LCameraCapturePlugin::waitReadable(const char* caller)
+{
+    fd_set readSet;
+    FD_ZERO(&readSet);
+    FD_SET(m_fd, &readSet);
+    timeval timeout{1, 0};
+    select(m_fd + 1, &readSet, nullptr, nullptr, &timeout);
+    if (!FD_ISSET(m_fd, &readSet)) {
+        Logger::logger_printf(0, "%s:%d ERROR: select failed\n", caller, __LINE__);
+        return false;
+    }
+    return true;
+}
+
+bool V4LCameraCapturePlugin::dequeueBuffer(v4l2_buffer* buf, const char* caller, const char* failFormat)
+{
+    clearBuffer(buf);
+    if (ioctl(m_fd, VIDIOC_DQBUF, buf) < 0) {
+        Logger::logger_printf(0, failFormat, caller, __LINE__);
+        sleep(3);
+        return false;
+    }
+    return true;
+}
+
+int V4LCameraCapturePlugin::requeueBuffer(v4l2_buffer* buf, const char* caller)
+{
+    if (ioctl(m_fd, VIDIOC_QBUF, buf) < 0) {
+        Logger::logger_printf(0, "%s:%d ERROR: VIDIOC_QBUF failed\n\n", caller, __LINE__);
+        return -1;
+    }
+    return 0;
+}
+
+Codec::MediaFrame* V4LCameraCapturePlugin::capturedFrame(const v4l2_buffer& buf, uint32_t* bytes,
+                                                         const char* caller)
+{
+    Codec::MediaFrame* frame = buf.index < kSlots ? m_frames[buf.index].get() : nullptr;
+    if (!frame || !frame->data) {
+        Logger::logger_printf(0, "%s:%d ERROR: dequeued buffer %u has no capture frame\n", caller,
+                              __LINE__, buf.index);
+        *bytes = 0;
+        return nullptr;
+    }
+    *bytes = buf.bytesused;
+    if (*bytes > frame->size) {
+        Logger::logger_printf(1, "%s:%d WARN: bytesused %u exceeds buffer %u, truncated\n", caller,
+                              __LINE__, buf.bytesused, frame->size);
+        *bytes = frame->size;
+    }
+    return frame;
+}
+
+// ---- compressed acquisition ---------------------------------------------------------
+
+int V4LCameraCapturePlugin::v4l2_get_one_frame2()
+{
+    if (!waitReadable(__func__))
+        return -1;
+    v4l2_buffer buf;
+    if (!dequeueBuffer(&buf, __func__, "%s:%d ERROR: VIDIOC_DQBUF failed\n"))
+        return -1;
+    if (buf.bytesused == 0)
+        return requeueBuffer(&buf, __func__);
+
+    uint32_t bytes = 0;
+    const Codec::MediaFrame* frame = capturedFrame(buf, &bytes, __func__);
+    if (!frame) {
+        requeueBuffer(&buf, __func__);
+        return -1;
+    }
+    const auto* data = static_cast<const unsigned char*>(frame->data);
+
+    if (m_format == FOURCC_H264) {
+        // A consumer that fell far behind is resynchronised at the next key frame.
+        if (sendQueueLength() > kH264Backlog && bytes > 4 && startsWithKeyFrame(data, int(bytes)))
+            flushSendQueue();
+        pushSendBuffer(data, bytes);
+    } else if (m_format == FOURCC_MJPG) {
+        // Pictures stand alone: keep the latest rather than a backlog.
+        if (sendQueueLength() < 2)
+            pushSendBuffer(data, bytes);
+    } else if (m_format == FOURCC_HEVC) {
+        for (uint32_t offset = 0; offset < bytes;) {
+            const uint32_t piece = std::min(bytes - offset, kHevcPieceBytes);
+            pushSendBuffer(data + offset, piece);
+            offset += piece;
+        }
+    }
+    return requeueBuffer(&buf, __func__);
+}
+
+// ---- direct read --------------------------------------------------------------------
+
+int V4LCameraCapturePlugin::v4l2_get_one_frame(MediaFrame* frame)
+{
+    if (!waitReadable(__func__)) {
+        if (frame)
+            frame->setSize(0);
+        return -1;
+    }
+    v4l2_buffer buf;
+    if (!dequeueBuffer(&buf, __func__, "%s:%d ERROR: VIDIOC_DQBUF failed\n"))
+        return -1;
+    if (frame && buf.bytesused != 0) {
+        uint32_t bytes = 0;
+        const Codec::MediaFrame* captured = capturedFrame(buf, &bytes, __func__);
+        if (buf.bytesused > frame->capacity()) {
+            ELEMENT_LOG(0, "%s:%d ERROR: ******************************* VIDIOC_DQBUF failed\n\n");
+            // A frame too small for the picture holds none of it.
+            frame->setSize(0);
+        } else if (captured) {
+            std::memcpy(frame->data(), captured->data, bytes);
+            frame->setSize(int(bytes));
+        } else {
+            frame->setSize(0);
+        }
+    }
+    return requeueBuffer(&buf, __func__);
+}
+
+// ---- controls -----------------------------------------------------------------------
+
+int V4LCameraCapturePlugin::v4l2_h264_force_idr()
+{
+    v4l2_control control;
+    std::memset(&control, 0, sizeof control);
+    control.id = V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME;
+    control.value = 0;
+    const int ret = ioctl(m_fd, VIDIOC_S_CTRL, &control);
+    if (ret < 0)
+        ELEMENT_LOG(0, "%s:%d ERROR: v4l2_h264_force_idr#************* error!***********\n\n");
+    return ret;
+}
+
+extern "C" int UvcExtenFuncSet(int fd, int selector, void* data, unsigned int size)
+{
+    return uvcExtensionQuery(fd, selector, data, size, UVC_SET_CUR);
+}
+
+extern "C" int UvcExtenFuncGet(int fd, int selector, void* data, unsigned int size)
+{
+    return uvcExtensionQuery(fd, selector, data, size, UVC_GET_CUR);
+}

@@ -1,0 +1,6 @@
+#include "Codec/MediaBuffer.h"
+
+namespace Codec {
+MediaBuffer::~MediaBuffer() = default;
+MediaFrame::~MediaFrame() = default;
+} // namespace Codec

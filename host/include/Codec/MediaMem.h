@@ -1,0 +1,33 @@
+#pragma once
+// The codec library's allocator. Memory of type MEDIA_BUFFER_TYPE_DMA is a DMA-BUF: from a
+// DMA heap when the kernel has one, else from udmabuf (a memfd wrapped by the kernel), else
+// a plain memfd (shareable and mappable, but only importable by drivers that take any fd).
+
+#include "Codec/MediaBuffer.h"
+
+namespace Codec {
+
+class MediaMem {
+public:
+    static MediaMem* create(MediaBufferType type);
+    static void destroy(MediaMem* mem);
+
+    // Attaches `bytes` of memory to `buffer` (data, fd, size). 0 on success, -1 on failure
+    // (the buffer is then left with fd -1 and data null).
+    int alloc(MediaBuffer* buffer, int bytes);
+    // Releases what alloc attached; accepts a buffer that never got memory.
+    static void free(MediaBuffer* buffer);
+
+    MediaBufferType type() const { return m_type; }
+
+    // Which DMA-BUF source this process uses ("dma-heap", "udmabuf" or "memfd").
+    static const char* dmaSourceName();
+
+private:
+    explicit MediaMem(MediaBufferType type) : m_type(type) {}
+    ~MediaMem() = default;
+
+    MediaBufferType m_type;
+};
+
+} // namespace Codec

@@ -1,0 +1,194 @@
+#include "MediaPin.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <vector>
+
+#include "Logger.h"
+
+// One producer-consumer link: the pool of frames, the free list and the delivered queue.
+// Shared by both pins so that frames in flight outlive whichever side goes first.
+class PinConnection {
+public:
+    PinConnection(int frames, unsigned int capacity) : m_capacity(capacity)
+    {
+        m_frames.reserve(size_t(std::max(frames, 1)));
+        for (int i = 0; i < std::max(frames, 1); ++i) {
+            m_frames.push_back(std::make_unique<MediaFrame>(capacity));
+            m_free.push_back(m_frames.back().get());
+        }
+    }
+
+    int borrow(MediaFrame** frame, int timeoutMs)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        auto ready = [this] { return m_closed || !m_free.empty(); };
+        if (timeoutMs < 0)
+            m_freed.wait(lock, ready);
+        else
+            m_freed.wait_for(lock, std::chrono::milliseconds(timeoutMs), ready);
+        if (m_closed)
+            return PIN_GONE;
+        if (m_free.empty()) {
+            ++m_stats.lagging;
+            return PIN_LAGGING;
+        }
+        *frame = m_free.front();
+        m_free.pop_front();
+        return PIN_OK;
+    }
+
+    int deliver(MediaFrame* frame)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!owns(frame)) {
+            Logger::logger_printf(0, "%s:%d ERROR: queue refused: frame %p is not from this pin's pool\n",
+                                  __func__, __LINE__, static_cast<void*>(frame));
+            ++m_stats.refused;
+            return PIN_REFUSED;
+        }
+        if (frame->size() < 0 || unsigned(frame->size()) > frame->capacity()) {
+            Logger::logger_printf(0, "%s:%d ERROR: queue refused: frame size %d exceeds capacity %u\n",
+                                  __func__, __LINE__, frame->size(), frame->capacity());
+            ++m_stats.refused;
+            recycleLocked(frame);
+            return PIN_REFUSED;
+        }
+        if (m_closed) {
+            recycleLocked(frame);
+            return PIN_GONE;
+        }
+        m_delivered.push_back(frame);
+        ++m_stats.delivered;
+        m_arrived.notify_one();
+        return PIN_OK;
+    }
+
+    MediaFrame* take(int timeoutMs)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        auto ready = [this] { return m_closed || !m_delivered.empty(); };
+        if (timeoutMs < 0)
+            m_arrived.wait(lock, ready);
+        else
+            m_arrived.wait_for(lock, std::chrono::milliseconds(timeoutMs), ready);
+        if (m_delivered.empty())
+            return nullptr;
+        MediaFrame* frame = m_delivered.front();
+        m_delivered.pop_front();
+        return frame;
+    }
+
+    void release(MediaFrame* frame)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (owns(frame))
+            recycleLocked(frame);
+    }
+
+    void close()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_closed = true;
+        // Undelivered frames are no longer anyone's to read.
+        for (MediaFrame* frame : m_delivered)
+            recycleLocked(frame);
+        m_delivered.clear();
+        m_freed.notify_all();
+        m_arrived.notify_all();
+    }
+
+    PinStats stats() const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_stats;
+    }
+
+    unsigned int capacity() const { return m_capacity; }
+
+private:
+    bool owns(MediaFrame* frame) const
+    {
+        return std::any_of(m_frames.begin(), m_frames.end(),
+                           [frame](const std::unique_ptr<MediaFrame>& f) { return f.get() == frame; });
+    }
+
+    void recycleLocked(MediaFrame* frame)
+    {
+        frame->setSize(0);
+        m_free.push_back(frame);
+        m_freed.notify_one();
+    }
+
+    const unsigned int m_capacity;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_freed;
+    std::condition_variable m_arrived;
+    std::vector<std::unique_ptr<MediaFrame>> m_frames;
+    std::deque<MediaFrame*> m_free;
+    std::deque<MediaFrame*> m_delivered;
+    bool m_closed = false;
+    PinStats m_stats;
+};
+
+MediaInputPin::MediaInputPin(IMediaElement* owner, int poolFrames, unsigned int frameCapacity)
+    : m_connection(std::make_shared<PinConnection>(poolFrames, frameCapacity)), m_owner(owner)
+{
+}
+
+MediaInputPin::~MediaInputPin() { m_connection->close(); }
+
+MediaFrame* MediaInputPin::take(int timeoutMs) { return m_connection->take(timeoutMs); }
+void MediaInputPin::release(MediaFrame* frame) { m_connection->release(frame); }
+void MediaInputPin::close() { m_connection->close(); }
+unsigned int MediaInputPin::frameCapacity() const { return m_connection->capacity(); }
+
+MediaOutputPin::MediaOutputPin(MajorType major, MinorType minor, MediaCodecType codec,
+                               MediaRawType raw, IMediaElement* owner)
+    : m_major(major), m_minor(minor), m_codec(codec), m_raw(raw), m_owner(owner)
+{
+}
+
+MediaOutputPin::~MediaOutputPin() = default;
+
+std::shared_ptr<PinConnection> MediaOutputPin::connection() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_connection;
+}
+
+int MediaOutputPin::dequeue(MediaFrame** frame, int timeoutMs, int flags)
+{
+    (void)flags;
+    if (!frame)
+        return PIN_REFUSED;
+    *frame = nullptr;
+    auto link = connection();
+    if (!link)
+        return PIN_GONE;
+    return link->borrow(frame, timeoutMs);
+}
+
+int MediaOutputPin::queue(MediaFrame* frame)
+{
+    auto link = connection();
+    if (!link || !frame)
+        return link ? PIN_REFUSED : PIN_GONE;
+    return link->deliver(frame);
+}
+
+void MediaOutputPin::connect(MediaInputPin* input)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_connection = input ? input->m_connection : nullptr;
+}
+
+void MediaOutputPin::disconnect() { connect(nullptr); }
+
+PinStats MediaOutputPin::stats() const
+{
+    auto link = connection();
+    return link ? link->stats() : PinStats{};
+}

@@ -1,0 +1,132 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <thread>
+
+#include "Logger.h"
+#include "MediaPin.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct PinPair {
+    explicit PinPair(int frames = 2, unsigned capacity = 64) : input(nullptr, frames, capacity)
+    {
+        output.connect(&input);
+    }
+    MediaOutputPin output{MAJOR_TYPE_VIDEO, MINOR_TYPE_CODED, CODEC_TYPE_H264, RAW_TYPE_NONE, nullptr};
+    MediaInputPin input;
+};
+
+int send(MediaOutputPin& pin, const char* text)
+{
+    MediaFrame* frame = nullptr;
+    const int r = pin.dequeue(&frame, 30, 0);
+    if (r != PIN_OK)
+        return r;
+    std::memcpy(frame->data(), text, std::strlen(text));
+    frame->setSize(int(std::strlen(text)));
+    return pin.queue(frame);
+}
+
+TEST(MediaPin, WithoutConsumerEveryRequestIsGone)
+{
+    MediaOutputPin pin(MAJOR_TYPE_VIDEO, MINOR_TYPE_CODED, CODEC_TYPE_H264, RAW_TYPE_NONE, nullptr);
+    MediaFrame* frame = reinterpret_cast<MediaFrame*>(0x1);
+    EXPECT_EQ(pin.dequeue(&frame, 30, 0), PIN_GONE);
+    EXPECT_EQ(frame, nullptr);
+    EXPECT_EQ(pin.codecType(), CODEC_TYPE_H264);
+    EXPECT_EQ(pin.rawType(), RAW_TYPE_NONE);
+}
+
+TEST(MediaPin, DeliversInQueueOrderAndRecyclesReleasedFrames)
+{
+    PinPair pins(2);
+    ASSERT_EQ(send(pins.output, "one"), PIN_OK);
+    ASSERT_EQ(send(pins.output, "two"), PIN_OK);
+    for (const char* expected : {"one", "two"}) {
+        MediaFrame* frame = pins.input.take(100);
+        ASSERT_NE(frame, nullptr);
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(frame->bytes()), size_t(frame->size())), expected);
+        pins.input.release(frame);
+    }
+    EXPECT_EQ(send(pins.output, "three"), PIN_OK);  // released frames are free again
+    EXPECT_EQ(pins.output.stats().delivered, 3u);
+}
+
+TEST(MediaPin, LaggingConsumerAnswersMinusThreeAfterTheWait)
+{
+    PinPair pins(1);
+    ASSERT_EQ(send(pins.output, "held"), PIN_OK);  // the consumer never releases it
+    MediaFrame* frame = nullptr;
+    const auto start = Clock::now();
+    EXPECT_EQ(pins.output.dequeue(&frame, 30, 0), PIN_LAGGING);
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(25));
+    EXPECT_EQ(frame, nullptr);
+    EXPECT_EQ(pins.output.stats().lagging, 1u);
+}
+
+TEST(MediaPin, WaitingProducerGetsFrameAsSoonAsConsumerReleases)
+{
+    PinPair pins(1);
+    ASSERT_EQ(send(pins.output, "held"), PIN_OK);
+    auto waiter = std::async(std::launch::async, [&] {
+        MediaFrame* frame = nullptr;
+        return pins.output.dequeue(&frame, 2000, 0);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    pins.input.release(pins.input.take(0));
+    EXPECT_EQ(waiter.get(), PIN_OK);
+}
+
+TEST(MediaPin, ConsumerGoingAwayWakesWaitersWithMinusTwo)
+{
+    PinPair pins(1);
+    ASSERT_EQ(send(pins.output, "held"), PIN_OK);
+    auto waiter = std::async(std::launch::async, [&] {
+        MediaFrame* frame = nullptr;
+        return pins.output.dequeue(&frame, 5000, 0);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    pins.input.close();
+    EXPECT_EQ(waiter.get(), PIN_GONE);
+    EXPECT_EQ(send(pins.output, "late"), PIN_GONE);
+}
+
+TEST(MediaPin, FramesInFlightSurviveTheConsumersDestruction)
+{
+    MediaOutputPin output(MAJOR_TYPE_VIDEO, MINOR_TYPE_CODED, CODEC_TYPE_H264, RAW_TYPE_NONE, nullptr);
+    MediaFrame* frame = nullptr;
+    {
+        MediaInputPin input(nullptr, 2, 64);
+        output.connect(&input);
+        ASSERT_EQ(output.dequeue(&frame, 30, 0), PIN_OK);
+    }
+    frame->setSize(3);
+    std::memcpy(frame->data(), "abc", 3);  // still valid memory
+    EXPECT_EQ(output.queue(frame), PIN_GONE);
+}
+
+TEST(MediaPin, OversizedOrForeignFramesAreRefusedWithALogLine)
+{
+    PinPair pins(1, 16);
+    LogCapture log;
+    MediaFrame* frame = nullptr;
+    ASSERT_EQ(pins.output.dequeue(&frame, 30, 0), PIN_OK);
+    frame->setSize(17);
+    EXPECT_EQ(pins.output.queue(frame), PIN_REFUSED);
+    EXPECT_TRUE(log.contains("exceeds capacity 16", 0));
+    EXPECT_EQ(pins.input.take(0), nullptr);
+
+    // The refused frame went back to the pool.
+    ASSERT_EQ(pins.output.dequeue(&frame, 30, 0), PIN_OK);
+    MediaFrame stranger(16);
+    EXPECT_EQ(pins.output.queue(&stranger), PIN_REFUSED);
+    EXPECT_TRUE(log.contains("not from this pin's pool", 0));
+    EXPECT_EQ(pins.output.stats().refused, 2u);
+}
+
+} // namespace
