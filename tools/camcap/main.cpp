@@ -1,72 +1,77 @@
-// camcap: loads the camera element plug-in and drives it as the host does.
+// camcap: loads the camera element plug-in as the host does and records what it delivers.
 
-#include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QTimer>
+#include <QStringList>
 #include <cstdio>
+#include <cstdlib>
 
 #include "ElementLoader.h"
 #include "IMediaElement.h"
 #include "Logger.h"
-#include "MediaPin.h"
+#include "Options.h"
+#include "Session.h"
+#include "Simulation.h"
 
 namespace {
+Session* g_session = nullptr;
+int g_verbosity = 1;
 
-enum ExitCode { EXIT_OK = 0, EXIT_USAGE = 2, EXIT_NO_PLUGIN = 3 };
-
-void printIdentity(IMediaElement* element, const ElementLoader& loader)
+// The element writes some diagnostics to Qt's debug output; show them only when verbose.
+void filterQtMessages(QtMsgType type, const QMessageLogContext&, const QString& message)
 {
-    std::printf("plug-in:   %s\n", qPrintable(loader.className()));
-    std::printf("interface: %s\n", qPrintable(loader.interfaceId()));
-    std::printf("name:      %s\n", qPrintable(element->getName()));
-    std::printf("type:      %d\n", element->getType());
-    std::printf("state:     %d\n", element->getState());
-    std::printf("input pins:  %d\n", element->getInputPinList().size());
-    const QList<MediaOutputPin*> outputs = element->getOutputPinList();
-    std::printf("output pins: %d\n", outputs.size());
-    for (int i = 0; i < outputs.size(); ++i) {
-        const MediaOutputPin* pin = outputs[i];
-        std::printf("  [%d] major %d minor %d codec %d raw %d\n", i, pin->majorType(), pin->minorType(),
-                    pin->codecType(), pin->rawType());
-    }
+    if (type == QtDebugMsg && g_verbosity < 4)
+        return;
+    std::fprintf(stderr, "%s\n", qPrintable(message));
 }
 
+void onProcessExit()
+{
+    if (g_session)
+        g_session->reportUnexpectedExit();
+}
 } // namespace
 
 int main(int argc, char** argv)
 {
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments << QString::fromLocal8Bit(argv[i]);
+    QString error;
+    const auto options = parseOptions(arguments, &error);
+    if (arguments.contains(QStringLiteral("-h")) || arguments.contains(QStringLiteral("--help"))) {
+        std::fputs(qPrintable(usageText()), stdout);
+        return EXIT_OK;
+    }
+    if (!options) {
+        std::fprintf(stderr, "camcap: %s\n\n%s", qPrintable(error), qPrintable(usageText()));
+        return EXIT_USAGE;
+    }
+    if (options->simulate && !enterSimulation(argc, argv, options->simulateModel, &error)) {
+        std::fprintf(stderr, "camcap: %s\n", qPrintable(error));
+        return EXIT_USAGE;
+    }
+
     QCoreApplication app(argc, argv);
-    QCoreApplication::setApplicationName(QStringLiteral("camcap"));
+    Logger::setThreshold(options->verbosity);
+    g_verbosity = options->verbosity;
+    qInstallMessageHandler(filterQtMessages);
 
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Camera element host tool"));
-    parser.addHelpOption();
-    QCommandLineOption pluginOption(QStringLiteral("plugin"), QStringLiteral("Plug-in file to load."),
-                                    QStringLiteral("path"), ElementLoader::defaultPluginPath());
-    QCommandLineOption verboseOption(QStringList{QStringLiteral("v"), QStringLiteral("verbose")},
-                                     QStringLiteral("Log element INFO and DEBUG lines."));
-    parser.addOption(pluginOption);
-    parser.addOption(verboseOption);
-    parser.process(app);
-
-    Logger::setThreshold(parser.isSet(verboseOption) ? 4 : 1);
-
-    ElementLoader loader(parser.value(pluginOption));
+    ElementLoader loader(options->pluginPath.isEmpty() ? ElementLoader::defaultPluginPath() : options->pluginPath);
     IMediaElement* element = loader.load();
     if (!element) {
         std::fprintf(stderr, "camcap: %s\n", qPrintable(loader.error()));
         return EXIT_NO_PLUGIN;
     }
 
-    int status = EXIT_OK;
-    QTimer::singleShot(0, [&] {
-        element->initialize();
-        element->start();
-        printIdentity(element, loader);
+    int code;
+    {
+        Session session(element, *options);
+        g_session = &session;
+        std::atexit(onProcessExit);
+        code = session.run();
+        g_session = nullptr;
         element->stop();
-        app.exit(status);
-    });
-    status = app.exec();
+    }
     delete element;
-    return status;
+    return code;
 }

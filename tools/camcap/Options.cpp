@@ -1,0 +1,130 @@
+#include "Options.h"
+
+#include <QRegularExpression>
+
+
+namespace {
+
+const QStringList kFormats = {QStringLiteral("h264"), QStringLiteral("mjpeg"), QStringLiteral("hevc"),
+                              QStringLiteral("yuyv"), QStringLiteral("nv12")};
+
+bool takeValue(const QStringList& args, int* i, QString* value, QString* error)
+{
+    const QString& arg = args[*i];
+    const int eq = arg.indexOf(QLatin1Char('='));
+    if (eq > 0) {
+        *value = arg.mid(eq + 1);
+        return true;
+    }
+    if (*i + 1 >= args.size()) {
+        *error = QStringLiteral("%1 needs a value").arg(arg);
+        return false;
+    }
+    *value = args[++*i];
+    return true;
+}
+
+} // namespace
+
+QString usageText()
+{
+    return QStringLiteral(
+        "Usage: camcap [options]\n"
+        "Loads the camera element plug-in as the host does and records what it delivers.\n\n"
+        "  --plugin PATH        plug-in file (default: the build tree's)\n"
+        "  --list-formats       print the camera's formats and exit\n"
+        "  --format F           h264 | mjpeg | hevc (passed through) or yuyv | nv12 (encoded\n"
+        "                       to H.264 by the element); default h264\n"
+        "  --size WxH           capture size (default: the camera's first for the format)\n"
+        "  --duration SECONDS   record this long\n"
+        "  --frames N           record this many frames\n"
+        "  --output FILE        write the stream as delivered (Annex B or concatenated JPEG);\n"
+        "                       '-' for standard output\n"
+        "  --simulate [MODEL]   run against the simulated camera (model text, default 'h264')\n"
+        "  --force-idr N        ask an H.264 camera for a key frame every N frames\n"
+        "  --no-progress        no live progress line\n"
+        "  -v, --verbose        show the element's INFO and DEBUG lines\n"
+        "  -h, --help           this text\n\n"
+        "Exit codes: 0 done, 2 usage, 3 plug-in missing, 4 no camera, 5 format refused,\n"
+        "6 output not writable, 7 capture setup failed, 8 element quit (camera or consumer lost).\n");
+}
+
+std::optional<Options> parseOptions(const QStringList& args, QString* error)
+{
+    Options o;
+    for (int i = 1; i < args.size(); ++i) {
+        const QString arg = args[i];
+        const QString name = arg.section(QLatin1Char('='), 0, 0);
+        QString value;
+        if (name == QLatin1String("--plugin")) {
+            if (!takeValue(args, &i, &o.pluginPath, error))
+                return std::nullopt;
+        } else if (name == QLatin1String("--list-formats")) {
+            o.listFormats = true;
+        } else if (name == QLatin1String("--format")) {
+            if (!takeValue(args, &i, &value, error))
+                return std::nullopt;
+            if (!kFormats.contains(value.toLower())) {
+                *error = QStringLiteral("unknown format '%1' (h264, mjpeg, hevc, yuyv, nv12)").arg(value);
+                return std::nullopt;
+            }
+            o.format = value.toLower();
+        } else if (name == QLatin1String("--size")) {
+            if (!takeValue(args, &i, &value, error))
+                return std::nullopt;
+            const auto m = QRegularExpression(QStringLiteral("^(\\d+)[xX](\\d+)$")).match(value);
+            if (!m.hasMatch() || m.captured(1).toInt() <= 0 || m.captured(2).toInt() <= 0) {
+                *error = QStringLiteral("bad size '%1' (expected WxH, e.g. 1280x720)").arg(value);
+                return std::nullopt;
+            }
+            o.width = m.captured(1).toInt();
+            o.height = m.captured(2).toInt();
+        } else if (name == QLatin1String("--duration")) {
+            if (!takeValue(args, &i, &value, error))
+                return std::nullopt;
+            bool ok = false;
+            o.durationSeconds = value.toDouble(&ok);
+            if (!ok || o.durationSeconds <= 0) {
+                *error = QStringLiteral("bad duration '%1'").arg(value);
+                return std::nullopt;
+            }
+        } else if (name == QLatin1String("--frames")) {
+            if (!takeValue(args, &i, &value, error))
+                return std::nullopt;
+            bool ok = false;
+            o.frames = value.toLongLong(&ok);
+            if (!ok || o.frames <= 0) {
+                *error = QStringLiteral("bad frame count '%1'").arg(value);
+                return std::nullopt;
+            }
+        } else if (name == QLatin1String("--output") || name == QLatin1String("-o")) {
+            if (!takeValue(args, &i, &o.output, error))
+                return std::nullopt;
+        } else if (name == QLatin1String("--simulate")) {
+            o.simulate = true;
+            if (arg.contains(QLatin1Char('=')))
+                o.simulateModel = arg.section(QLatin1Char('='), 1);
+            else if (i + 1 < args.size() && !args[i + 1].startsWith(QLatin1Char('-')))
+                o.simulateModel = args[++i];
+        } else if (name == QLatin1String("--force-idr")) {
+            if (!takeValue(args, &i, &value, error))
+                return std::nullopt;
+            bool ok = false;
+            o.forceIdrEvery = value.toInt(&ok);
+            if (!ok || o.forceIdrEvery <= 0) {
+                *error = QStringLiteral("bad key-frame interval '%1'").arg(value);
+                return std::nullopt;
+            }
+        } else if (name == QLatin1String("--no-progress")) {
+            o.progress = false;
+        } else if (name == QLatin1String("-v") || name == QLatin1String("--verbose")) {
+            o.verbosity = 4;
+        } else {
+            *error = QStringLiteral("unknown option '%1'").arg(arg);
+            return std::nullopt;
+        }
+    }
+    if (o.simulate && o.simulateModel.isEmpty())
+        o.simulateModel = o.format;
+    return o;
+}

@@ -1,0 +1,38 @@
+#pragma once
+// Command line of camcap.
+
+#include <QString>
+#include <QStringList>
+#include <optional>
+
+enum ExitCode {
+    EXIT_OK = 0,
+    EXIT_USAGE = 2,
+    EXIT_NO_PLUGIN = 3,
+    EXIT_NO_CAMERA = 4,
+    EXIT_FORMAT_REFUSED = 5,
+    EXIT_OUTPUT = 6,
+    EXIT_SETUP_FAILED = 7,
+    EXIT_ELEMENT_QUIT = 8,
+};
+
+struct Options {
+    QString pluginPath;
+    bool listFormats = false;
+    QString format = QStringLiteral("h264");  // h264 | mjpeg | hevc | yuyv | nv12
+    int width = 0;                            // 0: the camera's first size for the format
+    int height = 0;
+    double durationSeconds = 0;  // 0: until --frames, or until interrupted
+    long long frames = 0;
+    QString output;      // empty: discard; "-": standard output
+    bool simulate = false;
+    QString simulateModel;
+    int forceIdrEvery = 0;  // frames between forced key frames (compressed cameras)
+    int verbosity = 1;      // logger threshold
+    bool progress = true;
+};
+
+// Parses argv; on a usage error prints why and returns nothing. `--simulate` takes an
+// optional model (the next argument when it does not start with '-').
+std::optional<Options> parseOptions(const QStringList& arguments, QString* error);
+QString usageText();
