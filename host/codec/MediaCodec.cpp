@@ -2,6 +2,8 @@
 
 #include <mutex>
 
+#include "OpenH264Encoder.h"
+
 namespace Codec {
 
 namespace {
@@ -20,7 +22,9 @@ Encoder* MediaCodec::createEncoder(CodecType type)
     std::lock_guard<std::mutex> lock(g_factoryMutex);
     if (factory())
         return factory()(type);
-    return nullptr;  // the built-in encoder is added with the raw capture path
+    if (type == CODEC_H264)
+        return new OpenH264Encoder();  // the caller owns it
+    return nullptr;
 }
 
 void MediaCodec::setEncoderFactory(EncoderFactory f)

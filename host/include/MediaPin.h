@@ -5,8 +5,10 @@
 // consumer therefore throttles the producer: dequeue waits a bounded time and answers -3.
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include "MediaFormat.h"
 #include "MediaFrame.h"
@@ -75,6 +77,11 @@ public:
     void disconnect();
     PinStats stats() const;
 
+    // Lets a host (or a test) answer dequeue itself: a value is returned as the answer
+    // without a frame; nullopt falls through to the pool.
+    using DequeueHook = std::function<std::optional<int>(int timeoutMs)>;
+    void setDequeueHook(DequeueHook hook);
+
     MajorType majorType() const { return m_major; }
     MinorType minorType() const { return m_minor; }
     MediaCodecType codecType() const { return m_codec; }
@@ -89,6 +96,7 @@ private:
     MediaCodecType m_codec;
     MediaRawType m_raw;
     IMediaElement* m_owner;
-    mutable std::mutex m_mutex;  // guards m_connection
+    mutable std::mutex m_mutex;  // guards m_connection and m_hook
     std::shared_ptr<PinConnection> m_connection;
+    DequeueHook m_hook;
 };

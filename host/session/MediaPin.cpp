@@ -165,7 +165,17 @@ int MediaOutputPin::dequeue(MediaFrame** frame, int timeoutMs, int flags)
     if (!frame)
         return PIN_REFUSED;
     *frame = nullptr;
-    auto link = connection();
+    DequeueHook hook;
+    std::shared_ptr<PinConnection> link;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        hook = m_hook;
+        link = m_connection;
+    }
+    if (hook) {
+        if (const std::optional<int> answer = hook(timeoutMs))
+            return *answer;
+    }
     if (!link)
         return PIN_GONE;
     return link->borrow(frame, timeoutMs);
@@ -186,6 +196,12 @@ void MediaOutputPin::connect(MediaInputPin* input)
 }
 
 void MediaOutputPin::disconnect() { connect(nullptr); }
+
+void MediaOutputPin::setDequeueHook(DequeueHook hook)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_hook = std::move(hook);
+}
 
 PinStats MediaOutputPin::stats() const
 {

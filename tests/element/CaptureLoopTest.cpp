@@ -1,0 +1,279 @@
+// The capture loop and the raw (encoder) path, with a scripted encoder in the codec
+// library's place so that every pass's outcome is chosen by the test.
+
+#include <linux/videodev2.h>
+
+#include <cerrno>
+
+#include "ScriptedEncoder.h"
+#include "SimElementFixture.h"
+
+namespace {
+
+using namespace testsupport;
+using Packet = EncoderScript::Packet;
+
+class CaptureLoop : public SimElementTest {
+protected:
+    void SetUp() override
+    {
+        SimElementTest::SetUp();
+        // Packets are taken and dropped downstream without a consumer thread.
+        element->getOutputPinList().first()->setDequeueHook([](int) { return std::optional<int>(-1); });
+        QObject::connect(element.get(), &V4LCameraCapturePlugin::sigQuit, [this] { ++quits; });
+        QObject::connect(element.get(), &IMediaElement::mediaEvent, [this](QString key, QVariant value) {
+            if (key == QLatin1String("event.camera.gotframe") && !value.isValid())
+                ++gotFrame;
+        });
+    }
+
+    void rawCamera(uint32_t fourcc, simcam::Interval interval = {1, 30})
+    {
+        simcam::Model model = camera({format(fourcc, {{320, 240}}, interval)});
+        model.unthrottled = true;
+        useCamera(model, fourcc, 320, 240);
+    }
+
+    bool waitForPuts(int n)
+    {
+        for (int i = 0; i < 1000 && encoder.script->framesPut < n; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        return encoder.script->framesPut >= n;
+    }
+
+    void script(std::initializer_list<std::pair<int, int>> runs)  // (count, putFrame result)
+    {
+        std::lock_guard<std::mutex> lock(encoder.script->mutex);
+        for (auto [count, result] : runs)
+            encoder.script->putResults.insert(encoder.script->putResults.end(), size_t(count), result);
+    }
+
+    ScopedScriptedEncoder encoder;
+    std::atomic<int> quits{0};
+    std::atomic<int> gotFrame{0};
+};
+
+struct FailureRun {
+    std::initializer_list<std::pair<int, int>> runs;
+    int quits;
+};
+
+TEST_F(CaptureLoop, QuitsPast300ConsecutiveFailuresAndASuccessResetsTheCount)
+{
+    rawCamera(kYUYV);
+    // 300 refusals, a success, 301 refusals, a success: one quit, at the very last refusal.
+    script({{300, -1}, {1, 0}, {301, -1}, {1, 0}});
+    ASSERT_EQ(element->play(), 0);
+    ASSERT_TRUE(waitForPuts(603));
+    element->stop();
+    EXPECT_EQ(quits, 1);
+    EXPECT_EQ(log.count("WARN: v4l2_get_one_frame2 error > 300 quit!", 1), 1);
+    EXPECT_EQ(log.count("WARN: encode frame failed", 1), 601);
+}
+
+TEST_F(CaptureLoop, EveryFailurePast300QuitsAgain)
+{
+    rawCamera(kNV12);
+    script({{303, -1}});
+    ASSERT_EQ(element->play(), 0);
+    ASSERT_TRUE(waitForPuts(304));
+    element->stop();
+    EXPECT_EQ(quits, 3);
+    EXPECT_EQ(gotFrame, 1);  // pass 304 succeeded
+}
+
+TEST_F(CaptureLoop, OneFirstFrameEventPerPlay)
+{
+    rawCamera(kYUYV);
+    for (int round = 1; round <= 2; ++round) {
+        ASSERT_EQ(element->play(), 0);
+        ASSERT_TRUE(simcam::waitForFrames(uint64_t(5 * round), std::chrono::seconds(5)));
+        element->stop();
+        EXPECT_EQ(gotFrame, round);
+    }
+    EXPECT_EQ(log.count("video_frame v4l2_get_one_frame2 got a frame!", 2), 2);
+}
+
+TEST_F(CaptureLoop, EncoderLivesExactlyAsLongAsARawRun)
+{
+    rawCamera(kYUYV);
+    ASSERT_EQ(element->play(), 0);
+    ASSERT_TRUE(simcam::waitForFrames(3, std::chrono::seconds(5)));
+    EXPECT_NE(element->m_encoder, nullptr);
+    element->stop();
+    EXPECT_EQ(element->m_encoder, nullptr);
+    EXPECT_EQ(encoder.script->created, 1);
+    EXPECT_EQ(encoder.script->resets, 1);
+    EXPECT_EQ(encoder.script->destroyed, 1);
+
+    useCamera(smallCamera(kH264));
+    ASSERT_EQ(element->play(), 0);
+    ASSERT_TRUE(simcam::waitForFrames(2, std::chrono::seconds(5)));
+    element->stop();
+    EXPECT_EQ(encoder.script->created, 1);  // compressed cameras need none
+}
+
+struct SettingsCase {
+    uint32_t fourcc;
+    simcam::Interval interval;
+    std::vector<std::pair<int, unsigned>> expected;
+};
+
+class EncoderSettings : public CaptureLoop, public testing::WithParamInterface<SettingsCase> {};
+
+TEST_P(EncoderSettings, GivenInTheLibrarysOrder)
+{
+    const SettingsCase& c = GetParam();
+    simcam::Model model = camera({format(c.fourcc, {{1280, 720}}, c.interval)});
+    useCamera(model, c.fourcc, 1280, 720);
+    prepare();
+    element->initEncoder();
+    EXPECT_EQ(encoder.script->settings, c.expected);
+    EXPECT_EQ(encoder.script->configures, 1);
+    EXPECT_TRUE(log.contains("DEBUG: init encoder done", 4));
+    element->deinitEncoder();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Formats, EncoderSettings,
+    testing::Values(SettingsCase{kYUYV, {1, 30}, {{5, 1}, {6, 1280}, {7, 720}, {8, 2560}, {9, 720}, {15, 30}, {14, 1},
+                                                  {18, 30}, {17, 1}, {21, 60}, {20, 1}, {10, 7340032}}},
+                    SettingsCase{kNV12, {1, 30}, {{5, 0}, {6, 1280}, {7, 720}, {8, 1280}, {9, 720}, {15, 30}, {14, 1},
+                                                  {18, 30}, {17, 1}, {21, 60}, {20, 1}, {10, 7340032}}},
+                    SettingsCase{kNV12, {1001, 30000}, {{5, 0}, {6, 1280}, {7, 720}, {8, 1280}, {9, 720},
+                                                        {15, 30000}, {14, 1001}, {18, 30000}, {17, 1001},
+                                                        {21, 60}, {20, 1}, {10, 7340032}}}));
+
+TEST_F(CaptureLoop, DeinitWithoutEncoderOnlyLogs)
+{
+    element->deinitEncoder();
+    EXPECT_TRUE(log.contains("DEBUG: reset encoder", 4));
+    EXPECT_EQ(element->m_encoder, nullptr);
+}
+
+// ---- single raw passes ------------------------------------------------------------------
+
+class RawPass : public CaptureLoop {
+protected:
+    void start(uint32_t fourcc = kYUYV, std::function<void(simcam::Faults&)> fault = {})
+    {
+        rawCamera(fourcc);
+        if (fault)
+            simcam::modifyFaults(fault);
+        prepare();
+        ASSERT_EQ(element->v4l2_stream_on(), 0);
+        element->initEncoder();
+    }
+    void fillQueue(int n)
+    {
+        std::lock_guard<std::mutex> lock(element->m_sendMutex);
+        uint8_t byte = 0;
+        for (int i = 0; i < n; ++i)
+            element->m_sendQueue.push_back(std::make_unique<V4LCameraCapturePlugin::SendBuffer>(&byte, 1u));
+    }
+    size_t queued()
+    {
+        std::lock_guard<std::mutex> lock(element->m_sendMutex);
+        return element->m_sendQueue.size();
+    }
+    void TearDown() override
+    {
+        if (element) {
+            element->deinitEncoder();
+            element->v4l2_stream_off();
+        }
+        CaptureLoop::TearDown();
+    }
+};
+
+TEST_F(RawPass, DropRuleAppliesFromTwentyWaitingBeforeEncoding)
+{
+    start();
+    fillQueue(19);
+    EXPECT_EQ(element->v4l2_get_one_frame_yuv(), 0);
+    EXPECT_EQ(encoder.script->framesPut, 1);
+    EXPECT_EQ(queued(), 20u);
+    EXPECT_EQ(element->v4l2_get_one_frame_yuv(), 0);
+    EXPECT_EQ(encoder.script->framesPut, 1);  // dropped unencoded
+    EXPECT_EQ(queued(), 20u);
+    EXPECT_EQ(simcam::stats().buffersQueued + simcam::stats().buffersDequeued, 4);
+    EXPECT_EQ(simcam::stats().buffersDequeued, 0);  // every buffer went back
+}
+
+struct PacketCase {
+    Packet packet;
+    size_t queuedAfter;
+};
+
+class PacketKinds : public RawPass, public testing::WithParamInterface<PacketCase> {};
+
+TEST_P(PacketKinds, OnlyRealPacketsAreQueuedAndEveryPassSucceeds)
+{
+    start(kNV12);
+    encoder.script->packets.push_back(GetParam().packet);
+    EXPECT_EQ(element->v4l2_get_one_frame_yuv(), 0);
+    EXPECT_EQ(queued(), GetParam().queuedAfter);
+    EXPECT_EQ(simcam::stats().buffersDequeued, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, PacketKinds,
+                         testing::Values(PacketCase{Packet::Bytes, 1}, PacketCase{Packet::None, 0},
+                                         PacketCase{Packet::BadStatus, 0}, PacketCase{Packet::NoBuffer, 0}));
+
+TEST_F(RawPass, PacketBytesAreCopiedIntoTheQueue)
+{
+    start();
+    encoder.script->packetBytes = {0, 0, 0, 1, 0x67, 1, 2, 3};
+    ASSERT_EQ(element->v4l2_get_one_frame_yuv(), 0);
+    std::lock_guard<std::mutex> lock(element->m_sendMutex);
+    ASSERT_EQ(element->m_sendQueue.size(), 1u);
+    const auto& entry = *element->m_sendQueue.front();
+    EXPECT_EQ(std::vector<uint8_t>(entry.data, entry.data + entry.size), encoder.script->packetBytes);
+}
+
+TEST_F(RawPass, RefusalGivesTheBufferBackAndFails)
+{
+    start();
+    script({{1, -5}});
+    EXPECT_EQ(element->v4l2_get_one_frame_yuv(), -1);
+    EXPECT_TRUE(log.contains("WARN: encode frame failed", 1));
+    EXPECT_EQ(simcam::stats().buffersDequeued, 0);
+    EXPECT_EQ(queued(), 0u);
+}
+
+TEST_F(RawPass, EmptyBuffersSkipTheEncoder)
+{
+    start(kYUYV, [](simcam::Faults& f) { f.emptyEvery = 1; });
+    EXPECT_EQ(element->v4l2_get_one_frame_yuv(), 0);
+    EXPECT_EQ(encoder.script->framesPut, 0);
+}
+
+TEST_F(RawPass, StalledCameraTimesOutAfterOneSecondWithoutDequeuing)
+{
+    start();
+    simcam::modifyFaults([](simcam::Faults& f) { f.stall = true; });
+    // Buffers already filled before the stall are taken first.
+    while (simcam::stats().buffersQueued > 0 && element->v4l2_get_one_frame_yuv() == 0 &&
+           simcam::stats().framesDelivered < 8) {
+    }
+    simcam::resetStats();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(element->v4l2_get_one_frame_yuv(), -1);
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(950));
+    EXPECT_LT(waited, std::chrono::milliseconds(1500));
+    EXPECT_TRUE(log.contains("ERROR: select failed\n", 0));
+    EXPECT_EQ(simcam::stats().ioctlCount(VIDIOC_DQBUF), 0u);
+}
+
+TEST_F(RawPass, FailedDequeuePausesThreeSeconds)
+{
+    start();
+    simcam::modifyFaults([](simcam::Faults& f) { f.dqbufErrno = EIO; });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(element->v4l2_get_one_frame_yuv(), -1);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2900));
+    EXPECT_TRUE(log.contains("ERROR: VIDIOC_DQBUF failed\n\n", 0));
+}
+
+} // namespace

@@ -1,0 +1,360 @@
+// Finding, opening, describing, configuring and resetting the camera.
+
+#include <fcntl.h>
+#include <linux/usbdevice_fs.h>
+#include <linux/videodev2.h>
+
+#include <QDir>
+#include <cerrno>
+
+#include "SimElementFixture.h"
+
+namespace {
+
+using namespace testsupport;
+
+class Device : public SimElementTest {};
+
+simcam::Model withNodes(const std::vector<std::string>& names)
+{
+    simcam::Model model = smallCamera(kH264);
+    simcam::Node prototype = model.cameras[0].nodes[0];
+    model.cameras[0].nodes.clear();
+    for (const std::string& name : names) {
+        simcam::Node node = prototype;
+        node.name = name;
+        model.cameras[0].nodes.push_back(node);
+    }
+    return model;
+}
+
+struct NodeCase {
+    std::vector<std::string> names;
+    std::vector<std::string> acceptable;  // equal keys may come out in either order
+};
+
+class NodeChoice : public Device, public testing::WithParamInterface<NodeCase> {};
+
+TEST_P(NodeChoice, LowestNumberAfterTheVideoPrefixWins)
+{
+    useCamera(withNodes(GetParam().names));
+    ASSERT_EQ(element->v4l2_dev_open(), 0);
+    const auto opens = simcam::stats().opens;
+    ASSERT_EQ(opens.size(), 1u);
+    EXPECT_TRUE(std::find(GetParam().acceptable.begin(), GetParam().acceptable.end(), opens[0].path) !=
+                GetParam().acceptable.end())
+        << opens[0].path;
+    EXPECT_TRUE(log.contains("INFO: video file: " + opens[0].path + "\n", 2));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, NodeChoice,
+    testing::Values(NodeCase{{"video2", "video10", "video0", "video1"}, {"/dev/video0"}},
+                    NodeCase{{"video12", "video3"}, {"/dev/video3"}},  // not a string sort
+                    NodeCase{{"video2", "Video1"}, {"/dev/Video1"}},   // any letter case
+                    NodeCase{{"VIDEO7", "video9"}, {"/dev/VIDEO7"}},
+                    NodeCase{{"video4", "videodev"}, {"/dev/videodev"}},  // no number reads as 0
+                    NodeCase{{"video0", "video"}, {"/dev/video0", "/dev/video"}},
+                    NodeCase{{"video-enc", "video0"}, {"/dev/video-enc", "/dev/video0"}}));
+
+TEST_F(Device, NoVideoEntryFallsBackToVideo0AndQueuesAReset)
+{
+    useCamera(withNodes({"camera0"}));
+    EXPECT_EQ(element->v4l2_dev_open(), -1);
+    EXPECT_TRUE(log.contains("INFO: video file: \n", 2));
+    EXPECT_TRUE(log.contains("ERROR: open camera failed\n\n", 0));
+    EXPECT_EQ(simcam::stats().resets.size(), 0u);  // queued, not run yet
+    runQueuedCalls();
+    EXPECT_EQ(simcam::stats().resetCount("/dev/bus/usb/001/002"), 1);
+}
+
+TEST_F(Device, OpenFormsUseTheirOwnFlagsAndKeepTheirOwnDescriptor)
+{
+    useCamera(smallCamera(kH264));
+    ASSERT_EQ(element->v4l2_dev_open(), 0);
+    EXPECT_GT(element->m_fd, 0);
+    EXPECT_TRUE(log.contains("INFO: open camera success", 2));
+    const int captureFd = element->m_fd;
+
+    int probe = -1;
+    ASSERT_EQ(element->v4l2_dev_open(&probe), 0);
+    EXPECT_GE(probe, 0);
+    EXPECT_NE(probe, captureFd);
+    EXPECT_EQ(element->m_fd, captureFd);  // a probe never touches the capture descriptor
+    ::close(probe);
+
+    const auto opens = simcam::stats().opens;
+    ASSERT_EQ(opens.size(), 2u);
+    EXPECT_EQ(opens[0].flags & (O_ACCMODE | O_NONBLOCK), O_RDWR | O_NONBLOCK);
+    EXPECT_EQ(opens[1].flags & (O_ACCMODE | O_NONBLOCK), O_RDONLY);
+    EXPECT_EQ(log.count("open camera success"), 1);  // the probe is silent
+}
+
+class OpenFailure : public Device, public testing::WithParamInterface<int> {};
+
+TEST_P(OpenFailure, OnlyTheCaptureOpenQueuesAReset)
+{
+    simcam::Model model = smallCamera(kH264);
+    model.cameras[0].nodes[0].faults.openErrno = GetParam();
+    useCamera(model);
+
+    int probe = 7;
+    EXPECT_EQ(element->v4l2_dev_open(&probe), -1);
+    EXPECT_EQ(probe, -1);
+    EXPECT_TRUE(log.contains("ERROR: open camera failed  v4l2_dev_open(int)\n\n", 0));
+    runQueuedCalls();
+    EXPECT_TRUE(simcam::stats().resets.empty());
+
+    EXPECT_EQ(element->v4l2_dev_open(), -1);
+    EXPECT_LT(element->m_fd, 0);
+    runQueuedCalls();
+    EXPECT_EQ(simcam::stats().resetCount("/dev/bus/usb/001/002"), 1);
+    EXPECT_TRUE(log.contains("resetUsbCamera  result = 0", 2));
+}
+
+INSTANTIATE_TEST_SUITE_P(Errnos, OpenFailure, testing::Values(ENOENT, EBUSY, EACCES));
+
+TEST_F(Device, NodeWithoutCaptureIsRefusedWithoutTryingTheNext)
+{
+    simcam::Model model = smallCamera(kH264);
+    std::swap(model.cameras[0].nodes[0].name, model.cameras[0].nodes[1].name);  // metadata first
+    useCamera(model);
+    EXPECT_EQ(element->v4l2_dev_open(), -1);
+    EXPECT_EQ(element->m_fd, -1);
+    int probe = 0;
+    EXPECT_EQ(element->v4l2_dev_open(&probe), -1);
+    EXPECT_EQ(probe, -1);
+    EXPECT_EQ(log.count("Error: No capture video device!", 0), 2);
+    EXPECT_EQ(simcam::stats().opens.size(), 2u);
+    EXPECT_EQ(simcam::stats().openDescriptors, 0);
+    runQueuedCalls();
+    EXPECT_TRUE(simcam::stats().resets.empty());
+}
+
+TEST_F(Device, FailedCapabilityQueryCountsAsNoCapture)
+{
+    simcam::Model model = smallCamera(kH264);
+    model.cameras[0].nodes[0].faults.querycapErrno = EIO;
+    useCamera(model);
+    EXPECT_EQ(element->v4l2_dev_open(), -1);
+    EXPECT_TRUE(log.contains("Error: No capture video device!", 0));
+    EXPECT_EQ(simcam::stats().openDescriptors, 0);
+}
+
+// ---- formats --------------------------------------------------------------------------
+
+std::vector<std::tuple<int, int, int>> entries(const QList<MediaFormat>& list)
+{
+    std::vector<std::tuple<int, int, int>> out;
+    for (const MediaFormat& f : list) {
+        out.emplace_back(f.codecType, f.width, f.height);
+        EXPECT_EQ(f.majorType, -1);  // nothing but codec and size is filled
+        EXPECT_EQ(f.frameRateNum, -1);
+    }
+    return out;
+}
+
+TEST_F(Device, ListsUsableFormatsInDriverOrder)
+{
+    simcam::Format rgb = format(simcam::kFourccRGB24, {{320, 240}});
+    useCamera(camera({rgb, format(kMJPG, {{1920, 1080}, {1280, 720}}), format(kYUYV, {{640, 480}}),
+                      format(kHEVC, {{1280, 720}}), format(kNV12, {{640, 480}}), format(kH264, {{800, 600}})}));
+    int fd = -1;
+    ASSERT_EQ(element->v4l2_dev_open(&fd), 0);
+    const auto list = entries(element->listCameraFormat(fd));
+    ::close(fd);
+    const std::vector<std::tuple<int, int, int>> expected = {
+        {9, 1920, 1080}, {9, 1280, 720}, {11, 640, 480}, {7, 1280, 720}, {12, 640, 480}, {6, 800, 600}};
+    EXPECT_EQ(list, expected);
+    EXPECT_TRUE(log.contains("DEBUG: FOURCC:RGB3(", 4));
+    EXPECT_TRUE(log.contains("DEBUG:     size:320x240 [1/30]\n", 4));
+    EXPECT_TRUE(log.contains("DEBUG: FOURCC:MJPG(", 4));
+}
+
+TEST_F(Device, IgnoredFormatsOnlyAndBadDescriptorsGiveEmptyLists)
+{
+    simcam::Format rgb = format(simcam::kFourccRGB24, {{320, 240}, {640, 480}});
+    rgb.sizes[1].intervals = {{1, 30}, {1, 25}, {1, 15}};
+    useCamera(camera({rgb}));
+    int fd = -1;
+    ASSERT_EQ(element->v4l2_dev_open(&fd), 0);
+    EXPECT_TRUE(element->listCameraFormat(fd).isEmpty());
+    EXPECT_TRUE(log.contains("size:640x480 [1/30][1/25][1/15]", 4));
+    ::close(fd);
+    EXPECT_TRUE(element->listCameraFormat(-1).isEmpty());
+}
+
+TEST_F(Device, StepwiseSizesReadAsTheirFirstTwoWords)
+{
+    simcam::Format yuyv;
+    yuyv.fourcc = kYUYV;
+    yuyv.stepwise = simcam::StepwiseSize{160, 1280, 16, 120, 720, 8, {{1, 30}}};
+    useCamera(camera({yuyv}));
+    int fd = -1;
+    ASSERT_EQ(element->v4l2_dev_open(&fd), 0);
+    const auto list = entries(element->listCameraFormat(fd));
+    ::close(fd);
+    ASSERT_FALSE(list.empty());
+    EXPECT_EQ(list[0], std::make_tuple(11, 160, 1280));
+}
+
+struct GuardCase {
+    int width, height;
+    uint32_t format;
+    int result;
+};
+
+class SetFormatGuard : public Device, public testing::WithParamInterface<GuardCase> {};
+
+TEST_P(SetFormatGuard, RefusesNonPositiveHeightOrFormatBeforeTheDriver)
+{
+    useCamera(smallCamera(kH264), GetParam().format, GetParam().width, GetParam().height);
+    ASSERT_EQ(element->v4l2_dev_open(), 0);
+    EXPECT_EQ(element->v4l2_set_format(), GetParam().result);
+    const bool guarded = GetParam().result == -1;
+    EXPECT_EQ(log.contains("v4l2_set_format failed [m_height <= 0 || m_format <= 0]"), guarded);
+    EXPECT_EQ(simcam::stats().ioctlCount(VIDIOC_S_FMT), guarded ? 0u : 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Requests, SetFormatGuard,
+                         testing::Values(GuardCase{640, 0, kH264, -1}, GuardCase{640, -1, kH264, -1},
+                                         GuardCase{640, 480, 0, -1}, GuardCase{640, 480, 0x80000000u, -1},
+                                         GuardCase{0, 480, kH264, 0}, GuardCase{640, 480, kH264, 0}));
+
+TEST_F(Device, AdjustedSizeSucceedsAndKeepsTheRequest)
+{
+    useCamera(camera({format(kMJPG, {{1280, 720}})}), kMJPG, 1920, 1080);
+    ASSERT_EQ(element->v4l2_dev_open(), 0);
+    EXPECT_EQ(element->v4l2_set_format(), 0);
+    EXPECT_EQ(element->m_width, 1920);
+    EXPECT_EQ(element->m_height, 1080);
+    EXPECT_TRUE(log.contains("get format width=1280   height=720  pixeformat=1196444237,MJPG", 2));
+    EXPECT_TRUE(log.contains("set format succed", 2));
+}
+
+TEST_F(Device, FrameIntervalIsReadBackOrLeftAlone)
+{
+    useCamera(camera({format(kH264, {{640, 480}}, {1, 25})}));
+    ASSERT_EQ(element->v4l2_dev_open(), 0);
+    ASSERT_EQ(element->v4l2_set_format(), 0);
+    EXPECT_EQ(element->m_frameRateNum, 25);
+    EXPECT_EQ(element->m_frameRateDen, 1);
+    EXPECT_TRUE(log.contains("current frametime:1/25", 4));
+
+    simcam::modifyFaults([](simcam::Faults& f) { f.parmErrno = EINVAL; }, "video0");
+    element->m_frameRateNum = 7;
+    element->m_frameRateDen = 3;
+    EXPECT_EQ(element->v4l2_set_format(), 0);
+    EXPECT_EQ(element->m_frameRateNum, 7);
+    EXPECT_EQ(element->m_frameRateDen, 3);
+}
+
+TEST_F(Device, FifthConsecutiveRefusalQueuesExactlyOneReset)
+{
+    useCamera(smallCamera(kH264));
+    ASSERT_EQ(element->v4l2_dev_open(), 0);
+    ASSERT_EQ(element->v4l2_set_format(), 0);  // the process-wide count starts from zero
+
+    auto refuse = [&](int times) {
+        simcam::modifyFaults([times](simcam::Faults& f) {
+            f.sfmtErrno = EINVAL;
+            f.sfmtCount = times;
+        }, "video0");
+        for (int i = 0; i < times; ++i)
+            EXPECT_EQ(element->v4l2_set_format(), -1);
+        runQueuedCalls();
+    };
+
+    refuse(4);
+    EXPECT_TRUE(simcam::stats().resets.empty());
+    EXPECT_TRUE(log.contains("set format failed ret Invalid argument", 0));
+    ASSERT_EQ(element->v4l2_set_format(), 0);  // a success starts the count again
+    refuse(4);
+    EXPECT_TRUE(simcam::stats().resets.empty());
+    refuse(1);
+    EXPECT_EQ(simcam::stats().resetCount("/dev/bus/usb/001/002"), 1);
+
+    // The reset re-enumerated the camera: as with a real one, the old descriptor is dead.
+    ::close(element->m_fd);
+    ASSERT_EQ(element->v4l2_dev_open(), 0);
+    refuse(4);
+    EXPECT_EQ(simcam::stats().resetCount("/dev/bus/usb/001/002"), 1);
+    refuse(1);
+    EXPECT_EQ(simcam::stats().resetCount("/dev/bus/usb/001/002"), 2);
+    ::close(element->m_fd);
+    ASSERT_EQ(element->v4l2_dev_open(), 0);
+    ASSERT_EQ(element->v4l2_set_format(), 0);
+}
+
+// ---- USB reset walk -------------------------------------------------------------------
+
+struct WalkCase {
+    simcam::Attachment attachment;
+    int busnum, devnum;
+    std::string expected;  // usbfs path reset, empty: none (the "-3" line)
+};
+
+class ResetWalk : public Device, public testing::WithParamInterface<WalkCase> {};
+
+TEST_P(ResetWalk, FindsBusAndDeviceNumbers)
+{
+    simcam::Model model = smallCamera(kH264);
+    model.cameras[0].attachment = GetParam().attachment;
+    model.cameras[0].busnum = GetParam().busnum;
+    model.cameras[0].devnum = GetParam().devnum;
+    useCamera(model);
+    EXPECT_EQ(element->resetUsbCamera(), 0);
+    runQueuedCalls();
+    const auto resets = simcam::stats().resets;
+    if (GetParam().expected.empty()) {
+        EXPECT_TRUE(resets.empty());
+        EXPECT_TRUE(log.contains("ERROR: resetUsbCamera failed -3\n\n", 0));
+    } else {
+        ASSERT_EQ(resets.size(), 1u);
+        EXPECT_EQ(resets.begin()->first, GetParam().expected);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Trees, ResetWalk,
+    testing::Values(WalkCase{simcam::Attachment::UsbDevice, 1, 4, "/dev/bus/usb/001/004"},
+                    WalkCase{simcam::Attachment::UsbInterface, 2, 7, "/dev/bus/usb/002/007"},
+                    WalkCase{simcam::Attachment::UsbDevice, 12, 123, "/dev/bus/usb/012/123"},
+                    WalkCase{simcam::Attachment::Platform, 0, 0, ""}));
+
+TEST_F(Device, WithTwoCamerasTheLastListedIsReset)
+{
+    simcam::Model model = smallCamera(kH264);
+    simcam::Camera second = model.cameras[0];
+    second.busnum = 3;
+    second.devnum = 9;
+    second.nodes[0].name = "video2";
+    second.nodes[1].name = "video3";
+    model.cameras.push_back(second);
+    useCamera(model);
+
+    // Whatever order the directory yields its entries in decides.
+    const QFileInfoList entries = QDir(QStringLiteral("/sys/class/video4linux/"))
+                                      .entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::NoSort);
+    ASSERT_EQ(entries.size(), 4);
+    const bool secondLast = entries.last().fileName().startsWith(QLatin1String("video2")) ||
+                            entries.last().fileName().startsWith(QLatin1String("video3"));
+    element->resetUsbCamera();
+    runQueuedCalls();
+    const auto resets = simcam::stats().resets;
+    ASSERT_EQ(resets.size(), 1u);
+    EXPECT_EQ(resets.begin()->first, secondLast ? "/dev/bus/usb/003/009" : "/dev/bus/usb/001/002");
+}
+
+TEST_F(Device, ResetsAreQueuedOnePerRequestAndReportTheirResult)
+{
+    simcam::Model model = smallCamera(kH264);
+    model.cameras[0].resetErrno = EIO;
+    useCamera(model);
+    element->resetUsbCamera();
+    element->resetUsbCamera();
+    runQueuedCalls();
+    EXPECT_EQ(log.count("resetUsbCamera  result = -1", 2), 2);
+}
+
+} // namespace

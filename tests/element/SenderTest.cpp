@@ -1,0 +1,203 @@
+// The sender thread against a pin whose answers the test scripts.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "Logger.h"
+#include "V4LCameraCapturePlugin.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using SendBuffer = V4LCameraCapturePlugin::SendBuffer;
+
+class Sender : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        pin()->connect(&consumer);
+        pin()->setDequeueHook([this](int) -> std::optional<int> {
+            std::lock_guard<std::mutex> lock(scriptMutex);
+            ++requests;
+            if (script.empty())
+                return std::nullopt;
+            const int answer = script.front();
+            if (script.size() > 1 || !repeatLast)
+                script.pop_front();
+            return answer;
+        });
+        QObject::connect(&element, &V4LCameraCapturePlugin::sigQuit, [this] { ++quits; });
+    }
+    void TearDown() override
+    {
+        stopSender();
+        pin()->setDequeueHook({});
+        pin()->disconnect();
+    }
+
+    MediaOutputPin* pin() { return element.getOutputPinList().first(); }
+
+    void answer(std::initializer_list<int> answers, bool repeat = false)
+    {
+        std::lock_guard<std::mutex> lock(scriptMutex);
+        script.assign(answers);
+        repeatLast = repeat;
+    }
+
+    void push(const std::string& text)
+    {
+        auto entry = std::make_unique<SendBuffer>(const_cast<char*>(text.data()), unsigned(text.size()));
+        std::lock_guard<std::mutex> lock(element.m_sendMutex);
+        element.m_sendQueue.push_back(std::move(entry));
+        element.m_sendCond.notify_one();
+    }
+
+    void startSender()
+    {
+        element.m_running = true;
+        sender = std::thread(&V4LCameraCapturePlugin::video_send_frame, &element);
+    }
+
+    // What stop does to the sender.
+    void stopSender()
+    {
+        {
+            std::lock_guard<std::mutex> lock(element.m_sendMutex);
+            element.m_running = false;
+        }
+        element.m_sendCond.notify_all();
+        if (sender.joinable())
+            sender.join();
+    }
+
+    std::string receive(int timeoutMs = 1000)
+    {
+        MediaFrame* frame = consumer.take(timeoutMs);
+        if (!frame)
+            return "<none>";
+        std::string text(reinterpret_cast<const char*>(frame->bytes()), size_t(frame->size()));
+        consumer.release(frame);
+        return text;
+    }
+
+    size_t queued()
+    {
+        std::lock_guard<std::mutex> lock(element.m_sendMutex);
+        return element.m_sendQueue.size();
+    }
+
+    LogCapture log;
+    V4LCameraCapturePlugin element;
+    MediaInputPin consumer{nullptr, 4, 64};
+    std::thread sender;
+    std::mutex scriptMutex;
+    std::deque<int> script;
+    bool repeatLast = false;
+    int requests = 0;
+    std::atomic<int> quits{0};
+};
+
+TEST_F(Sender, PoorConnectionIsLoggedOnceAndResumeOnceInPushOrder)
+{
+    answer({-3, -3, -3, -3});
+    push("a");
+    push("b");
+    push("c");
+    startSender();
+    EXPECT_EQ(receive(), "a");
+    EXPECT_EQ(receive(), "b");
+    EXPECT_EQ(receive(), "c");
+    EXPECT_EQ(log.count("WARN: poor connection", 1), 1);
+    EXPECT_EQ(log.count("INFO: connection resume", 2), 1);
+}
+
+TEST_F(Sender, ConsumerGoneCostsEachEntryASleepAWarningAndAQuit)
+{
+    answer({-2}, true);
+    push("a");
+    push("b");
+    push("c");
+    const auto start = Clock::now();
+    startSender();
+    for (int i = 0; i < 200 && quits < 3; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(90));
+    EXPECT_EQ(quits, 3);
+    EXPECT_EQ(log.count("WARN: connection disconnected!", 1), 3);
+    EXPECT_EQ(queued(), 0u);
+    EXPECT_EQ(receive(50), "<none>");
+}
+
+TEST_F(Sender, OtherAnswersDropTheEntrySilentlyAndTheNextSuccessResumes)
+{
+    answer({-1});
+    push("dropped");
+    push("sent");
+    startSender();
+    EXPECT_EQ(receive(), "sent");
+    EXPECT_EQ(log.count("poor connection"), 0);
+    EXPECT_EQ(log.count("connection resume", 2), 1);
+}
+
+TEST_F(Sender, StopWhileWaitingOnAnEmptyQueueNeverTouchesThePin)
+{
+    startSender();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const auto start = Clock::now();
+    stopSender();
+    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(500));
+    EXPECT_EQ(requests, 0);
+}
+
+TEST_F(Sender, StopWhileLaggingFreesTheEntryInHandAndKeepsTheRestForNextTime)
+{
+    answer({-3}, true);
+    push("first");
+    push("second");
+    push("third");
+    startSender();
+    for (int i = 0; i < 200 && requests < 5; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    stopSender();
+    EXPECT_EQ(queued(), 2u);  // "first" was in hand and is gone
+    EXPECT_EQ(receive(20), "<none>");
+
+    answer({});
+    push("fourth");
+    startSender();  // the next playback's sender sends the leftovers first
+    EXPECT_EQ(receive(), "second");
+    EXPECT_EQ(receive(), "third");
+    EXPECT_EQ(receive(), "fourth");
+}
+
+TEST_F(Sender, EmptyEntriesAreSentAndOversizedOnesNeverOverrunTheFrame)
+{
+    push("");
+    push(std::string(65, 'x'));  // the pin's frames hold 64 bytes
+    push("after");
+    startSender();
+    EXPECT_EQ(receive(), "");
+    EXPECT_EQ(receive(), "after");
+    EXPECT_TRUE(log.contains("exceeds capacity 64", 0));
+}
+
+TEST(SendBufferCopy, MemcpyNeonCopiesExactlyNBytes)
+{
+    for (int n : {0, 1, 63, 64, 65, 127, 128, 4099}) {
+        std::vector<uint8_t> src(size_t(n) + 8), dst(size_t(n) + 8, 0xEE);
+        for (size_t i = 0; i < src.size(); ++i)
+            src[i] = uint8_t(i * 7 + 1);
+        memcpy_neon(dst.data(), src.data(), n);
+        EXPECT_TRUE(std::equal(src.begin(), src.begin() + n, dst.begin())) << n;
+        for (size_t i = size_t(n); i < dst.size(); ++i)
+            ASSERT_EQ(dst[i], 0xEE) << "byte past the end written, n=" << n;
+    }
+}
+
+} // namespace

@@ -1,0 +1,95 @@
+#pragma once
+// An element object against the simulated camera, with the log captured.
+
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Logger.h"
+#include "V4LCameraCapturePlugin.h"
+#include "simcam/SimCamera.h"
+
+namespace testsupport {
+
+constexpr uint32_t kH264 = simcam::kFourccH264;
+constexpr uint32_t kHEVC = simcam::kFourccHEVC;
+constexpr uint32_t kMJPG = simcam::kFourccMJPG;
+constexpr uint32_t kYUYV = simcam::kFourccYUYV;
+constexpr uint32_t kNV12 = simcam::kFourccNV12;
+
+inline simcam::Format format(uint32_t fourcc, std::vector<std::pair<uint32_t, uint32_t>> sizes,
+                             simcam::Interval interval = {1, 30})
+{
+    simcam::Format f;
+    f.fourcc = fourcc;
+    for (auto [w, h] : sizes)
+        f.sizes.push_back({w, h, {interval}});
+    return f;
+}
+
+// One USB camera with a capture node "video0" and a metadata node "video1".
+inline simcam::Model camera(std::vector<simcam::Format> formats)
+{
+    simcam::Node capture;
+    capture.name = "video0";
+    capture.formats = std::move(formats);
+    capture.content.clipFrames = 8;
+    capture.content.keyInterval = 4;
+    simcam::Node metadata;
+    metadata.name = "video1";
+    metadata.kind = simcam::NodeKind::Metadata;
+    simcam::Camera cam;
+    cam.nodes = {capture, metadata};
+    simcam::Model model;
+    model.cameras = {cam};
+    return model;
+}
+
+inline simcam::Model smallCamera(uint32_t fourcc) { return camera({format(fourcc, {{640, 480}})}); }
+
+class SimElementTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(simcam::interposing()) << "libsimcam must come first in the link order";
+        V4LCameraCapturePlugin::m_isStreaming = false;
+    }
+    void TearDown() override
+    {
+        if (element)
+            element->stop();
+        element.reset();  // also drops queued calls posted to it
+        V4LCameraCapturePlugin::m_isStreaming = false;
+        simcam::clear();
+    }
+
+    // Applies a model and a capture format.
+    void useCamera(const simcam::Model& model, uint32_t fourcc = kH264, int w = 640, int h = 480)
+    {
+        simcam::configure(model);
+        simcam::resetStats();
+        element->m_format = fourcc;
+        element->m_width = w;
+        element->m_height = h;
+    }
+
+    // Open, set format, set up buffers: what play does before its thread starts.
+    void prepare()
+    {
+        ASSERT_EQ(element->v4l2_dev_open(), 0);
+        ASSERT_EQ(element->v4l2_set_format(), 0);
+        ASSERT_EQ(element->v4l2_init_buffer(), 0);
+    }
+
+    // Runs what the element posted to itself (USB resets).
+    static void runQueuedCalls() { QCoreApplication::processEvents(); }
+
+    std::unique_ptr<V4LCameraCapturePlugin> element = std::make_unique<V4LCameraCapturePlugin>();
+    LogCapture log;
+};
+
+} // namespace testsupport
