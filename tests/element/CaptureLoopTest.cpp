@@ -36,7 +36,7 @@ protected:
 
     bool waitForPuts(int n)
     {
-        for (int i = 0; i < 1000 && encoder.script->framesPut < n; ++i)
+        for (int i = 0; i < 6000 && encoder.script->framesPut < n; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         return encoder.script->framesPut >= n;
     }

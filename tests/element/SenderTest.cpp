@@ -99,7 +99,7 @@ protected:
     std::mutex scriptMutex;
     std::deque<int> script;
     bool repeatLast = false;
-    int requests = 0;
+    std::atomic<int> requests{0};
     std::atomic<int> quits{0};
 };
 
