@@ -1,0 +1,114 @@
+#pragma once
+// Live state of the configured cameras and their nodes, shared by every descriptor open on
+// them. Lock order: a stream's lock may be held while taking a node's or a camera's lock;
+// a node's and a camera's lock are never held together.
+
+#include "FormatMath.h"
+#include "simcam/Model.h"
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace simcam {
+
+class NodeState;
+
+class CameraState {
+public:
+    CameraState(const Camera& spec, int index);
+
+    const Camera spec; // `nodes` left empty: the nodes live in NodeState
+    const int index;
+    const std::string usbPath; // empty for a platform camera
+    const std::string busInfo;
+
+    // Set when a newer model replaced this one: every call fails ENODEV from then on.
+    std::atomic<bool> retired{false};
+
+    // Generation of the current plug-in; descriptors opened under an older one are dead.
+    uint64_t generation() const;
+    bool present(uint64_t generation) const;
+    bool unplugged() const;
+
+    void unplug();
+    // Enumerates anew, as after a USB reset or a replug: present again, a new generation
+    // (older descriptors die), and the unplug fault of its nodes forgotten so it does not
+    // recur.
+    void reenumerate();
+
+    std::vector<uint8_t> extensionControl(uint8_t selector) const;
+    void setExtensionControl(uint8_t selector, std::vector<uint8_t> bytes);
+
+    void attach(const std::shared_ptr<NodeState>& node);
+
+private:
+    mutable std::mutex m_;
+    bool unplugged_ = false;
+    uint64_t generation_ = 0;
+    std::map<uint8_t, std::vector<uint8_t>> extension_;
+    std::vector<std::weak_ptr<NodeState>> nodes_;
+};
+
+// What a frame clock needs to know about the node, read in one go.
+struct NodeSnapshot {
+    Faults faults;
+    uint64_t goodDequeues = 0;
+    PixFormat format;
+    Interval timePerFrame;
+};
+
+class NodeState {
+public:
+    NodeState(const Node& spec, std::shared_ptr<CameraState> camera, bool unthrottled);
+
+    const Node spec; // formats, kind and name never change; live faults are below
+    const std::string path;
+    const std::shared_ptr<CameraState> camera;
+    std::atomic<bool> unthrottled;
+
+    bool isCapture() const { return spec.kind == NodeKind::Capture; }
+
+    NodeSnapshot snapshot() const;
+    Faults faults() const;
+    void setFaults(const Faults& faults); // restarts "after N frames" counting
+
+    // Consumes one S_FMT refusal; returns the errno to refuse with, or 0.
+    int takeFormatRefusal();
+    // Sets the format nearest to `wanted` unless buffers are allocated; 0 or errno.
+    int applyFormat(PixFormat& wanted, bool commit);
+    PixFormat format() const;
+
+    Interval timePerFrame() const;
+    // Chooses the offered interval nearest to `wanted` for the current size.
+    Interval applyTimePerFrame(Interval wanted);
+    void forceTimePerFrame(std::optional<Interval> interval);
+
+    // The queue belongs to one descriptor at a time, like a driver's.
+    bool claimQueue(const void* owner);
+    void releaseQueue(const void* owner);
+    bool queueClaimedByOther(const void* owner) const;
+
+    void countGoodDequeue();
+    // Counts a produced frame; true when this one is to carry no payload.
+    bool nextFrameEmpty();
+    // The camera enumerated anew: the unplug fault is spent and the queue of the old
+    // device's descriptors is gone with it.
+    void reenumerated();
+
+private:
+    mutable std::mutex m_;
+    Faults faults_;
+    uint64_t goodDequeues_ = 0;
+    uint64_t produced_ = 0;
+    PixFormat format_;
+    Interval timePerFrame_;
+    std::optional<Interval> forcedTimePerFrame_;
+    const void* queueOwner_ = nullptr;
+};
+
+} // namespace simcam

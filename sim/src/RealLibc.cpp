@@ -1,0 +1,63 @@
+#include "RealLibc.h"
+
+#include <dlfcn.h>
+
+namespace simcam::real {
+
+namespace {
+
+template <typename Fn>
+void resolve(Fn& fn, const char* name)
+{
+    fn = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+}
+
+Libc lookUp()
+{
+    Libc l{};
+    resolve(l.open, "open");
+    resolve(l.open64, "open64");
+    resolve(l.openat, "openat");
+    resolve(l.openat64, "openat64");
+    resolve(l.open_2, "__open_2");
+    resolve(l.open64_2, "__open64_2");
+    resolve(l.openat_2, "__openat_2");
+    resolve(l.openat64_2, "__openat64_2");
+    resolve(l.close, "close");
+    resolve(l.ioctl, "ioctl");
+    resolve(l.opendir, "opendir");
+    resolve(l.stat, "stat");
+    resolve(l.lstat, "lstat");
+    resolve(l.fstatat, "fstatat");
+    resolve(l.stat64, "stat64");
+    resolve(l.lstat64, "lstat64");
+    resolve(l.fstatat64, "fstatat64");
+    resolve(l.statx, "statx");
+    resolve(l.access, "access");
+    resolve(l.faccessat, "faccessat");
+    resolve(l.readlink, "readlink");
+    resolve(l.readlinkat, "readlinkat");
+    resolve(l.realpath, "realpath");
+    resolve(l.fopen, "fopen");
+    resolve(l.fopen64, "fopen64");
+    resolve(l.ioctl_time64, "__ioctl_time64");
+    resolve(l.stat64_time64, "__stat64_time64");
+    resolve(l.lstat64_time64, "__lstat64_time64");
+    resolve(l.fstatat64_time64, "__fstatat64_time64");
+    return l;
+}
+
+} // namespace
+
+const Libc& libc()
+{
+    static const Libc table = lookUp();
+    return table;
+}
+
+int closeFd(int fd)
+{
+    return libc().close(fd);
+}
+
+} // namespace simcam::real

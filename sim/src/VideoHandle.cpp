@@ -1,0 +1,331 @@
+#include "VideoHandle.h"
+
+#include "HandleFactory.h"
+
+#include <cerrno>
+#include <cstring>
+#include <linux/usb/video.h>
+#include <linux/version.h>
+
+namespace simcam {
+
+namespace {
+
+template <size_t N>
+void copyText(__u8 (&dst)[N], const std::string& text)
+{
+    std::memset(dst, 0, N);
+    std::memcpy(dst, text.data(), std::min(text.size(), N - 1));
+}
+
+template <size_t N>
+void copyText(char (&dst)[N], const std::string& text)
+{
+    std::memset(dst, 0, N);
+    std::memcpy(dst, text.data(), std::min(text.size(), N - 1));
+}
+
+void fillPix(v4l2_pix_format& pix, const PixFormat& p)
+{
+    pix.width = p.width;
+    pix.height = p.height;
+    pix.pixelformat = p.fourcc;
+    pix.field = V4L2_FIELD_NONE;
+    pix.bytesperline = p.bytesperline;
+    pix.sizeimage = p.sizeimage;
+    pix.colorspace = V4L2_COLORSPACE_SRGB;
+    pix.priv = 0;
+    pix.flags = 0;
+    pix.ycbcr_enc = V4L2_YCBCR_ENC_DEFAULT;
+    pix.quantization = V4L2_QUANTIZATION_DEFAULT;
+    pix.xfer_func = V4L2_XFER_FUNC_DEFAULT;
+}
+
+template <typename T>
+T& as(void* arg)
+{
+    return *static_cast<T*>(arg);
+}
+
+} // namespace
+
+std::shared_ptr<Handle> makeVideoHandle(int fd, std::shared_ptr<NodeState> node, bool nonBlocking,
+                                        Recorder& recorder)
+{
+    return std::make_shared<VideoHandle>(fd, std::move(node), nonBlocking, recorder);
+}
+
+VideoHandle::VideoHandle(int fd, std::shared_ptr<NodeState> node, bool nonBlocking,
+                         Recorder& recorder)
+    : node_(std::move(node)), generation_(node_->camera->generation()),
+      stream_(fd, node_, generation_, recorder, nonBlocking)
+{
+}
+
+int VideoHandle::ioctl(unsigned long request, void* arg)
+{
+    const CameraState& camera = *node_->camera;
+    if (camera.retired.load() || !camera.present(generation_))
+        return ENODEV;
+    if (!arg)
+        return EFAULT;
+    if (request == VIDIOC_QUERYCAP)
+        return queryCapabilities(as<v4l2_capability>(arg));
+    if (!node_->isCapture()) {
+        // A metadata node has no capture formats, queue or controls.
+        switch (request) {
+        case VIDIOC_ENUM_FMT:
+        case VIDIOC_G_FMT:
+        case VIDIOC_S_FMT:
+        case VIDIOC_TRY_FMT:
+        case VIDIOC_REQBUFS:
+        case VIDIOC_QUERYBUF:
+        case VIDIOC_QBUF:
+        case VIDIOC_DQBUF:
+        case VIDIOC_STREAMON:
+        case VIDIOC_STREAMOFF:
+        case VIDIOC_ENUM_FRAMESIZES:
+        case VIDIOC_ENUM_FRAMEINTERVALS:
+            return EINVAL;
+        default:
+            return ENOTTY;
+        }
+    }
+    switch (request) {
+    case VIDIOC_ENUM_FMT: return enumFormat(as<v4l2_fmtdesc>(arg));
+    case VIDIOC_ENUM_FRAMESIZES: return enumFrameSizes(as<v4l2_frmsizeenum>(arg));
+    case VIDIOC_ENUM_FRAMEINTERVALS: return enumFrameIntervals(as<v4l2_frmivalenum>(arg));
+    case VIDIOC_G_FMT: return getFormat(as<v4l2_format>(arg));
+    case VIDIOC_S_FMT: return setFormat(as<v4l2_format>(arg), true);
+    case VIDIOC_TRY_FMT: return setFormat(as<v4l2_format>(arg), false);
+    case VIDIOC_G_PARM: return getParm(as<v4l2_streamparm>(arg));
+    case VIDIOC_S_PARM: return setParm(as<v4l2_streamparm>(arg));
+    case VIDIOC_REQBUFS: return stream_.requestBuffers(as<v4l2_requestbuffers>(arg));
+    case VIDIOC_QUERYBUF: return stream_.queryBuffer(as<v4l2_buffer>(arg));
+    case VIDIOC_QBUF: return stream_.queueBuffer(as<v4l2_buffer>(arg));
+    case VIDIOC_DQBUF: return stream_.dequeueBuffer(as<v4l2_buffer>(arg));
+    case VIDIOC_STREAMON:
+    case VIDIOC_STREAMOFF: {
+        if (as<int>(arg) != V4L2_BUF_TYPE_VIDEO_CAPTURE)
+            return EINVAL;
+        return request == VIDIOC_STREAMON ? stream_.streamOn() : stream_.streamOff();
+    }
+    case VIDIOC_QUERYCTRL: return queryControl(as<v4l2_queryctrl>(arg));
+    case VIDIOC_S_CTRL: return setControl(as<v4l2_control>(arg));
+    case VIDIOC_G_CTRL: return EINVAL; // the only control is a write-only button
+    case UVCIOC_CTRL_QUERY: return extensionQuery(as<uvc_xu_control_query>(arg));
+    case VIDIOC_ENUMINPUT: return enumInput(as<v4l2_input>(arg));
+    case VIDIOC_G_INPUT: as<int>(arg) = 0; return 0;
+    case VIDIOC_S_INPUT: return as<int>(arg) == 0 ? 0 : EINVAL;
+    default: return ENOTTY;
+    }
+}
+
+int VideoHandle::queryCapabilities(v4l2_capability& cap) const
+{
+    const Faults faults = node_->faults();
+    if (faults.querycapErrno)
+        return faults.querycapErrno;
+    std::memset(&cap, 0, sizeof cap);
+    copyText(cap.driver, "uvcvideo");
+    copyText(cap.card, node_->camera->spec.card);
+    copyText(cap.bus_info, node_->camera->busInfo);
+    cap.version = KERNEL_VERSION(6, 1, 0);
+    uint32_t caps = V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT;
+    if (!node_->isCapture())
+        caps |= V4L2_CAP_META_CAPTURE;
+    else if (!faults.noCaptureCap)
+        caps |= V4L2_CAP_VIDEO_CAPTURE;
+    cap.device_caps = caps;
+    cap.capabilities = caps | V4L2_CAP_DEVICE_CAPS;
+    return 0;
+}
+
+int VideoHandle::enumFormat(v4l2_fmtdesc& desc) const
+{
+    const auto& formats = node_->spec.formats;
+    if (desc.type != V4L2_BUF_TYPE_VIDEO_CAPTURE || desc.index >= formats.size())
+        return EINVAL;
+    const Format& f = formats[desc.index];
+    const uint32_t index = desc.index;
+    const uint32_t type = desc.type;
+    std::memset(&desc, 0, sizeof desc);
+    desc.index = index;
+    desc.type = type;
+    desc.flags = isCoded(f.fourcc) ? V4L2_FMT_FLAG_COMPRESSED : 0;
+    copyText(desc.description, f.description.empty() ? formatDescription(f.fourcc) : f.description);
+    desc.pixelformat = f.fourcc;
+    return 0;
+}
+
+int VideoHandle::enumFrameSizes(v4l2_frmsizeenum& e) const
+{
+    const Format* f = findFormat(node_->spec, e.pixel_format);
+    if (!f)
+        return EINVAL;
+    if (f->stepwise) {
+        if (e.index != 0)
+            return EINVAL;
+        e.type = V4L2_FRMSIZE_TYPE_STEPWISE;
+        e.stepwise = {f->stepwise->minWidth,  f->stepwise->maxWidth,  f->stepwise->stepWidth,
+                      f->stepwise->minHeight, f->stepwise->maxHeight, f->stepwise->stepHeight};
+        return 0;
+    }
+    if (e.index >= f->sizes.size())
+        return EINVAL;
+    e.type = V4L2_FRMSIZE_TYPE_DISCRETE;
+    e.discrete = {f->sizes[e.index].width, f->sizes[e.index].height};
+    return 0;
+}
+
+int VideoHandle::enumFrameIntervals(v4l2_frmivalenum& e) const
+{
+    const Format* f = findFormat(node_->spec, e.pixel_format);
+    if (!f)
+        return EINVAL;
+    const auto* intervals = intervalsAt(*f, e.width, e.height);
+    if (!intervals || e.index >= intervals->size())
+        return EINVAL;
+    e.type = V4L2_FRMIVAL_TYPE_DISCRETE;
+    e.discrete = {(*intervals)[e.index].numerator, (*intervals)[e.index].denominator};
+    return 0;
+}
+
+int VideoHandle::getFormat(v4l2_format& f) const
+{
+    if (f.type != V4L2_BUF_TYPE_VIDEO_CAPTURE)
+        return EINVAL;
+    fillPix(f.fmt.pix, node_->format());
+    return 0;
+}
+
+int VideoHandle::setFormat(v4l2_format& f, bool commit)
+{
+    if (f.type != V4L2_BUF_TYPE_VIDEO_CAPTURE)
+        return EINVAL;
+    if (commit) {
+        if (node_->faults().busy)
+            return EBUSY;
+        if (int refusal = node_->takeFormatRefusal())
+            return refusal;
+    }
+    PixFormat wanted{f.fmt.pix.pixelformat, f.fmt.pix.width, f.fmt.pix.height, 0, 0};
+    if (int error = node_->applyFormat(wanted, commit))
+        return error;
+    fillPix(f.fmt.pix, wanted);
+    return 0;
+}
+
+int VideoHandle::getParm(v4l2_streamparm& p) const
+{
+    if (p.type != V4L2_BUF_TYPE_VIDEO_CAPTURE)
+        return EINVAL;
+    if (int error = node_->faults().parmErrno)
+        return error;
+    const Interval i = node_->timePerFrame();
+    std::memset(&p.parm, 0, sizeof p.parm);
+    p.parm.capture.capability = V4L2_CAP_TIMEPERFRAME;
+    p.parm.capture.timeperframe = {i.numerator, i.denominator};
+    return 0;
+}
+
+int VideoHandle::setParm(v4l2_streamparm& p)
+{
+    if (p.type != V4L2_BUF_TYPE_VIDEO_CAPTURE)
+        return EINVAL;
+    if (int error = node_->faults().parmErrno)
+        return error;
+    const v4l2_fract want = p.parm.capture.timeperframe;
+    const Interval i = node_->applyTimePerFrame({want.numerator, want.denominator});
+    stream_.poke(); // a running clock picks up the new rate
+    std::memset(&p.parm, 0, sizeof p.parm);
+    p.parm.capture.capability = V4L2_CAP_TIMEPERFRAME;
+    p.parm.capture.timeperframe = {i.numerator, i.denominator};
+    return 0;
+}
+
+bool VideoHandle::keyFrameControl() const
+{
+    return !node_->faults().noKeyFrameControl;
+}
+
+int VideoHandle::queryControl(v4l2_queryctrl& q) const
+{
+    const uint32_t id = q.id & ~(V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND);
+    const bool next = q.id & V4L2_CTRL_FLAG_NEXT_CTRL;
+    const uint32_t key = V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME;
+    if (!keyFrameControl() || (next ? id >= key : id != key))
+        return EINVAL;
+    std::memset(&q, 0, sizeof q);
+    q.id = key;
+    q.type = V4L2_CTRL_TYPE_BUTTON;
+    copyText(q.name, "Force Key Frame");
+    q.maximum = 0;
+    q.step = 0;
+    q.flags = V4L2_CTRL_FLAG_WRITE_ONLY | V4L2_CTRL_FLAG_EXECUTE_ON_WRITE;
+    return 0;
+}
+
+int VideoHandle::setControl(const v4l2_control& c)
+{
+    if (c.id != V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME || !keyFrameControl())
+        return EINVAL;
+    stream_.forceKeyFrame();
+    return 0;
+}
+
+int VideoHandle::extensionQuery(uvc_xu_control_query& q)
+{
+    CameraState& camera = *node_->camera;
+    const int unit = camera.spec.extensionUnit;
+    if (unit == 0 || q.unit != unit)
+        return ENOENT;
+    if (!q.data && q.size > 0)
+        return EFAULT;
+    switch (q.query) {
+    case UVC_SET_CUR:
+        if (q.size == 0)
+            return EINVAL;
+        camera.setExtensionControl(q.selector, std::vector<uint8_t>(q.data, q.data + q.size));
+        return 0;
+    case UVC_GET_CUR: {
+        std::vector<uint8_t> stored = camera.extensionControl(q.selector);
+        std::memset(q.data, 0, q.size);
+        std::memcpy(q.data, stored.data(), std::min<size_t>(stored.size(), q.size));
+        return 0;
+    }
+    case UVC_GET_LEN: {
+        if (q.size != 2)
+            return EINVAL;
+        const size_t length = camera.extensionControl(q.selector).size();
+        q.data[0] = uint8_t(length & 0xff);
+        q.data[1] = uint8_t(length >> 8);
+        return 0;
+    }
+    case UVC_GET_INFO:
+        if (q.size != 1)
+            return EINVAL;
+        q.data[0] = UVC_CONTROL_CAP_GET | UVC_CONTROL_CAP_SET;
+        return 0;
+    case UVC_GET_MIN:
+    case UVC_GET_MAX:
+    case UVC_GET_RES:
+    case UVC_GET_DEF:
+        std::memset(q.data, 0, q.size);
+        return 0;
+    default:
+        return EINVAL;
+    }
+}
+
+int VideoHandle::enumInput(v4l2_input& input) const
+{
+    if (input.index != 0)
+        return EINVAL;
+    std::memset(&input, 0, sizeof input);
+    copyText(input.name, "Camera 1");
+    input.type = V4L2_INPUT_TYPE_CAMERA;
+    return 0;
+}
+
+} // namespace simcam

@@ -1,0 +1,46 @@
+#pragma once
+// A descriptor open on a simulated video node: answers the V4L2 and UVC ioctls.
+
+#include "DeviceState.h"
+#include "Handle.h"
+#include "StreamQueue.h"
+
+#include <linux/uvcvideo.h>
+#include <linux/videodev2.h>
+#include <memory>
+
+namespace simcam {
+
+class VideoHandle final : public Handle {
+public:
+    VideoHandle(int fd, std::shared_ptr<NodeState> node, bool nonBlocking, Recorder& recorder);
+
+    const std::string& path() const override { return node_->path; }
+    int ioctl(unsigned long request, void* arg) override;
+    void shutdown(bool wake) override { stream_.shutdown(wake); }
+    void poke() override { stream_.poke(); }
+    void addGauges(Stats& stats) const override { stream_.addGauges(stats); }
+    bool stale() const override { return node_->camera->retired.load(); }
+
+private:
+    int queryCapabilities(v4l2_capability& cap) const;
+    int enumFormat(v4l2_fmtdesc& desc) const;
+    int enumFrameSizes(v4l2_frmsizeenum& e) const;
+    int enumFrameIntervals(v4l2_frmivalenum& e) const;
+    int getFormat(v4l2_format& f) const;
+    int setFormat(v4l2_format& f, bool commit);
+    int getParm(v4l2_streamparm& p) const;
+    int setParm(v4l2_streamparm& p);
+    int queryControl(v4l2_queryctrl& q) const;
+    int setControl(const v4l2_control& c);
+    int extensionQuery(uvc_xu_control_query& q);
+    int enumInput(v4l2_input& input) const;
+
+    bool keyFrameControl() const;
+
+    const std::shared_ptr<NodeState> node_;
+    const uint64_t generation_;
+    StreamQueue stream_;
+};
+
+} // namespace simcam
