@@ -7,7 +7,10 @@ namespace Codec {
 namespace {
 constexpr uint32_t kMaxDimension = 8192;
 
-bool validFormat(uint32_t f) { return f == PIXEL_FORMAT_NV12 || f == PIXEL_FORMAT_YUYV; }
+bool validFormat(uint32_t f)
+{
+    return f == PIXEL_FORMAT_NV12 || f == PIXEL_FORMAT_YUYV;
+}
 } // namespace
 
 int EncoderSettings::set(Configure key, unsigned int value)

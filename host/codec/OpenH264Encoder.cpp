@@ -29,8 +29,11 @@ private:
 // openh264's log lines go to the host log.
 void traceToLogger(void*, int level, const char* message)
 {
-    const int hostLevel = level <= WELS_LOG_ERROR ? 0 : level <= WELS_LOG_WARNING ? 1 : 4;
     std::string text = message ? message : "";
+    int hostLevel = level <= WELS_LOG_ERROR ? 0 : level <= WELS_LOG_WARNING ? 1 : 4;
+    // Skipping is off on purpose (one packet per picture); its warning about that is noise.
+    if (text.find("without enabling skip frame") != std::string::npos)
+        hostLevel = 4;
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
         text.pop_back();
     Logger::logger_printf(hostLevel, "H264Encoder: openh264: %s\n", text.c_str());
@@ -128,7 +131,8 @@ bool OpenH264Encoder::openEncoder()
     layer.sSliceArgument.uiSliceNum = 1;
 
     if (encoder->InitializeExt(&p) != cmResultSuccess) {
-        Logger::logger_printf(0, "H264Encoder: ERROR: openh264 refused %ux%u at %.2f fps, %d bit/s\n",
+        Logger::logger_printf(0,
+                              "H264Encoder: ERROR: openh264 refused %ux%u at %.2f fps, %d bit/s\n",
                               s.width, s.height, double(fps), bitRate);
         return false;
     }
@@ -155,8 +159,10 @@ int OpenH264Encoder::putFrame(MediaFrame* frame)
         return -1;
     }
 
-    const uint32_t horStride = frame->horStride ? frame->horStride : m_settings.effectiveHorStride();
-    const uint32_t verStride = frame->verStride ? frame->verStride : m_settings.effectiveVerStride();
+    const uint32_t horStride =
+        frame->horStride ? frame->horStride : m_settings.effectiveHorStride();
+    const uint32_t verStride =
+        frame->verStride ? frame->verStride : m_settings.effectiveVerStride();
     if (!m_converter.convert(static_cast<const uint8_t*>(frame->data), frame->size, horStride,
                              verStride)) {
         Logger::logger_printf(1,

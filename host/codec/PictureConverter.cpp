@@ -52,8 +52,8 @@ bool PictureConverter::convert(const uint8_t* data, uint64_t size, uint32_t horS
     const int cStride = m_width / 2;
     int rv;
     if (m_format == PIXEL_FORMAT_YUYV) {
-        rv = libyuv::YUY2ToI420(data, stride, y, m_width, u, cStride, v, cStride, m_width,
-                                m_height);
+        rv =
+            libyuv::YUY2ToI420(data, stride, y, m_width, u, cStride, v, cStride, m_width, m_height);
     } else {
         const uint8_t* uv = data + uint64_t(horStride) * verStride;
         rv = libyuv::NV12ToI420(data, stride, uv, stride, y, m_width, u, cStride, v, cStride,
