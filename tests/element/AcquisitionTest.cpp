@@ -1,0 +1,311 @@
+// Taking filled buffers from the driver: the compressed read with its backlog rules, the
+// direct read, and the camera controls. Bitstreams are crafted byte by byte.
+
+#include <linux/uvcvideo.h>
+#include <linux/videodev2.h>
+
+#include <cerrno>
+
+#include "SimElementFixture.h"
+
+namespace {
+
+using namespace testsupport;
+using Bytes = std::vector<uint8_t>;
+
+Bytes nal(std::initializer_list<uint8_t> startCode, uint8_t header, size_t payload = 8)
+{
+    Bytes b(startCode);
+    b.push_back(header);
+    b.insert(b.end(), payload, 0xAB);
+    return b;
+}
+
+Bytes concat(std::initializer_list<Bytes> parts)
+{
+    Bytes out;
+    for (const Bytes& p : parts)
+        out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+const Bytes kSps = nal({0, 0, 0, 1}, 0x67);
+const Bytes kPps = nal({0, 0, 0, 1}, 0x68);
+const Bytes kIdr = nal({0, 0, 1}, 0x65);
+
+class Acquisition : public SimElementTest {
+protected:
+    void stream(uint32_t fourcc, std::vector<Bytes> frames, int w = 640, int h = 480,
+                std::function<void(simcam::Faults&)> fault = {})
+    {
+        simcam::Model model = camera({format(fourcc, {{uint32_t(w), uint32_t(h)}})});
+        model.cameras[0].nodes[0].scriptedFrames = std::move(frames);
+        if (fault)
+            fault(model.cameras[0].nodes[0].faults);
+        model.unthrottled = true;
+        useCamera(model, fourcc, w, h);
+        prepare();
+        ASSERT_EQ(element->v4l2_stream_on(), 0);
+    }
+    void TearDown() override
+    {
+        if (element)
+            element->v4l2_stream_off();
+        SimElementTest::TearDown();
+    }
+    void fillQueue(size_t n)
+    {
+        std::lock_guard<std::mutex> lock(element->m_sendMutex);
+        uint8_t byte = 0x11;
+        while (element->m_sendQueue.size() < n)
+            element->m_sendQueue.push_back(std::make_unique<V4LCameraCapturePlugin::SendBuffer>(&byte, 1u));
+    }
+    std::vector<Bytes> queued()
+    {
+        std::lock_guard<std::mutex> lock(element->m_sendMutex);
+        std::vector<Bytes> out;
+        for (const auto& e : element->m_sendQueue)
+            out.emplace_back(e->data, e->data + e->size);
+        return out;
+    }
+};
+
+struct BacklogCase {
+    const char* name;
+    size_t waiting;
+    Bytes frame;
+    size_t after;  // entries after the read
+};
+
+class H264Backlog : public Acquisition, public testing::WithParamInterface<BacklogCase> {};
+
+TEST_P(H264Backlog, FlushesAboveTwoHundredOnlyAtAKeyFrame)
+{
+    const BacklogCase& c = GetParam();
+    stream(kH264, {c.frame});
+    fillQueue(c.waiting);
+    EXPECT_EQ(element->v4l2_get_one_frame2(), 0);
+    const auto entries = queued();
+    ASSERT_EQ(entries.size(), c.after);
+    EXPECT_EQ(entries.back(), c.frame);  // the whole buffer, from its first byte
+    EXPECT_EQ(simcam::stats().buffersDequeued, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, H264Backlog,
+    testing::Values(
+        BacklogCase{"AtTwoHundredNoScan", 200, concat({kSps, kPps, kIdr}), 201},
+        BacklogCase{"SpsPpsIdrFlushes", 201, concat({kSps, kPps, kIdr}), 1},
+        BacklogCase{"BareIdrFlushes", 201, kIdr, 1},
+        BacklogCase{"ShortestIdrFlushes", 201, Bytes{0, 0, 1, 0x65, 0x88}, 1},
+        BacklogCase{"FourByteIdrFlushes", 201, nal({0, 0, 0, 1}, 0x25), 1},  // nal_ref_idc bits ignored
+        BacklogCase{"PSliceKeeps", 201, nal({0, 0, 1}, 0x41), 202},
+        BacklogCase{"SeiKeeps", 201, concat({nal({0, 0, 1}, 0x06), kIdr}), 202},
+        BacklogCase{"SpsThenPSliceKeeps", 201, concat({kSps, nal({0, 0, 1}, 0x41)}), 202},
+        BacklogCase{"NextStartCodeInLastFourBytesKeeps", 201, concat({kSps, Bytes{0, 0, 1, 0x65}}), 202},
+        BacklogCase{"FourBytesOnlyKeeps", 201, Bytes{0, 0, 1, 0x65}, 202},
+        BacklogCase{"NoStartCodeKeeps", 201, Bytes{0, 0, 2, 0x65, 0x88, 0x88}, 202}),
+    [](const testing::TestParamInfo<BacklogCase>& info) { return std::string(info.param.name); });
+
+struct MjpegCase {
+    size_t waiting;
+    size_t after;
+};
+
+class MjpegBacklog : public Acquisition, public testing::WithParamInterface<MjpegCase> {};
+
+TEST_P(MjpegBacklog, DropsWhenTwoAreWaiting)
+{
+    stream(kMJPG, {Bytes{0xFF, 0xD8, 1, 2, 3, 0xFF, 0xD9}});
+    fillQueue(GetParam().waiting);
+    EXPECT_EQ(element->v4l2_get_one_frame2(), 0);
+    EXPECT_EQ(queued().size(), GetParam().after);
+    EXPECT_EQ(simcam::stats().buffersDequeued, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Waiting, MjpegBacklog,
+                         testing::Values(MjpegCase{0, 1}, MjpegCase{1, 2}, MjpegCase{2, 2}, MjpegCase{5, 5}));
+
+struct HevcCase {
+    uint32_t bytes;
+    std::vector<uint32_t> pieces;
+};
+
+class HevcSplit : public Acquisition, public testing::WithParamInterface<HevcCase> {};
+
+TEST_P(HevcSplit, PiecesOfAtMostOneRawFrame)
+{
+    Bytes frame(GetParam().bytes);
+    for (size_t i = 0; i < frame.size(); ++i)
+        frame[i] = uint8_t(i * 13 + i / 4093);
+    stream(kHEVC, {frame}, 1920, 1080);
+    EXPECT_EQ(element->v4l2_get_one_frame2(), 0);
+    const auto entries = queued();
+    ASSERT_EQ(entries.size(), GetParam().pieces.size());
+    Bytes joined;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        EXPECT_EQ(entries[i].size(), GetParam().pieces[i]);
+        joined.insert(joined.end(), entries[i].begin(), entries[i].end());
+    }
+    EXPECT_EQ(joined, frame);
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, HevcSplit,
+                         testing::Values(HevcCase{3110400, {3110400}}, HevcCase{3110401, {3110400, 1}},
+                                         HevcCase{6220801, {3110400, 3110400, 1}}, HevcCase{100, {100}}));
+
+TEST_F(Acquisition, EmptyBuffersAndRawFormatsQueueNothing)
+{
+    stream(kH264, {kIdr}, 640, 480, [](simcam::Faults& f) { f.emptyEvery = 1; });
+    EXPECT_EQ(element->v4l2_get_one_frame2(), 0);
+    element->m_format = kNV12;  // misuse: raw formats belong to the encoder path
+    simcam::setFaults({}, "video0");
+    EXPECT_EQ(element->v4l2_get_one_frame2(), 0);
+    EXPECT_TRUE(queued().empty());
+    EXPECT_EQ(simcam::stats().ioctlCount(VIDIOC_DQBUF), 2u);
+    EXPECT_EQ(simcam::stats().buffersDequeued, 0);
+}
+
+TEST_F(Acquisition, ByteCountBeyondTheBufferIsNeverReadPastItsEnd)
+{
+    const Bytes frame(4000, 0x42);
+    stream(kMJPG, {frame}, 640, 480, [](simcam::Faults& f) { f.bytesusedExtra = 2000000; });
+    EXPECT_EQ(element->v4l2_get_one_frame2(), 0);
+    const auto entries = queued();
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].size(), element->m_frames[0]->size);
+    EXPECT_TRUE(log.contains("exceeds buffer", 1));
+}
+
+TEST_F(Acquisition, IndexWithoutACaptureFrameIsNotRead)
+{
+    stream(kH264, {kIdr});
+    element->m_frames[0].reset();  // the driver hands back index 0 first
+    EXPECT_EQ(element->v4l2_get_one_frame2(), -1);
+    EXPECT_TRUE(log.contains("dequeued buffer 0 has no capture frame", 0));
+    EXPECT_TRUE(queued().empty());
+}
+
+TEST_F(Acquisition, RequeueFailureFailsTheRead)
+{
+    stream(kH264, {kIdr}, 640, 480, [](simcam::Faults& f) { f.streamQbufErrno = EIO; });
+    EXPECT_EQ(element->v4l2_get_one_frame2(), -1);
+    EXPECT_TRUE(log.contains("ERROR: VIDIOC_QBUF failed\n\n", 0));
+    EXPECT_EQ(queued().size(), 1u);  // the frame itself was taken before
+}
+
+TEST_F(Acquisition, StallAndDequeueFailureAreFailures)
+{
+    stream(kH264, {kIdr}, 640, 480, [](simcam::Faults& f) { f.stall = true; });
+    EXPECT_EQ(element->v4l2_get_one_frame2(), -1);
+    EXPECT_TRUE(log.contains("ERROR: select failed\n", 0));
+    simcam::setFaults({}, "video0");
+    simcam::modifyFaults([](simcam::Faults& f) { f.dqbufErrno = EIO; }, "video0");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(element->v4l2_get_one_frame2(), -1);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2900));
+    EXPECT_TRUE(log.contains("ERROR: VIDIOC_DQBUF failed\n", 0));
+}
+
+// ---- direct read ----------------------------------------------------------------------
+
+struct DirectCase {
+    const char* name;
+    size_t payload;
+    unsigned capacity;
+    bool empty;
+    int expectedSize;  // -1: untouched
+    bool error;
+};
+
+class DirectRead : public Acquisition, public testing::WithParamInterface<DirectCase> {};
+
+TEST_P(DirectRead, ReportsAndCopiesAtMostTheFramesCapacity)
+{
+    const DirectCase& c = GetParam();
+    const Bytes payload(c.payload, 0x5C);
+    stream(kMJPG, {payload}, 640, 480, [&](simcam::Faults& f) { f.emptyEvery = c.empty ? 1 : 0; });
+    MediaFrame frame(c.capacity);
+    frame.setSize(-1);
+    EXPECT_EQ(element->v4l2_get_one_frame(&frame), 0);
+    EXPECT_EQ(frame.size(), c.expectedSize);
+    EXPECT_LE(frame.size(), int(frame.capacity()));
+    if (c.expectedSize > 0) {
+        EXPECT_EQ(Bytes(frame.bytes(), frame.bytes() + frame.size()), payload);
+    }
+    EXPECT_EQ(log.contains("******************************* VIDIOC_DQBUF failed"), c.error);
+    EXPECT_EQ(simcam::stats().buffersDequeued, 0);  // the buffer always goes back
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, DirectRead,
+                         testing::Values(DirectCase{"Fits", 1000, 4096, false, 1000, false},
+                                         DirectCase{"Exact", 4096, 4096, false, 4096, false},
+                                         DirectCase{"TooLarge", 4097, 4096, false, 0, true},
+                                         DirectCase{"Empty", 0, 4096, true, -1, false}),
+                         [](const testing::TestParamInfo<DirectCase>& info) { return std::string(info.param.name); });
+
+TEST_F(Acquisition, DirectReadWithoutAFrameStillCyclesTheBuffer)
+{
+    stream(kMJPG, {Bytes(100, 1)});
+    EXPECT_EQ(element->v4l2_get_one_frame(nullptr), 0);
+    EXPECT_EQ(simcam::stats().ioctlCount(VIDIOC_DQBUF), 1u);
+    EXPECT_EQ(simcam::stats().buffersDequeued, 0);
+}
+
+TEST_F(Acquisition, DirectReadTimeoutEmptiesTheFrame)
+{
+    stream(kMJPG, {Bytes(100, 1)}, 640, 480, [](simcam::Faults& f) { f.stall = true; });
+    MediaFrame frame(64);
+    frame.setSize(9);
+    EXPECT_EQ(element->v4l2_get_one_frame(&frame), -1);
+    EXPECT_EQ(frame.size(), 0);
+}
+
+// ---- controls -------------------------------------------------------------------------
+
+TEST_F(Acquisition, ForceKeyFrameDependsOnTheControl)
+{
+    stream(kH264, {kIdr});
+    EXPECT_EQ(element->v4l2_h264_force_idr(), 0);
+    simcam::modifyFaults([](simcam::Faults& f) { f.noKeyFrameControl = true; }, "video0");
+    EXPECT_EQ(element->v4l2_h264_force_idr(), -1);
+    EXPECT_TRUE(log.contains("v4l2_h264_force_idr#************* error!***********", 0));
+    EXPECT_EQ(simcam::stats().ioctlCount(VIDIOC_S_CTRL), 2u);
+}
+
+TEST_F(Acquisition, ExtensionUnitControlsRoundTrip)
+{
+    useCamera(smallCamera(kH264));
+    ASSERT_EQ(element->v4l2_dev_open(), 0);
+    const int fd = element->m_fd;
+    uint8_t in[3] = {1, 2, 3};
+    EXPECT_EQ(UvcExtenFuncSet(fd, 0x105, in, 3), 0);  // selector cut to 8 bits: 5
+    EXPECT_EQ(simcam::extensionControl(0, 5), Bytes({1, 2, 3}));
+    uint8_t out[3] = {};
+    EXPECT_EQ(UvcExtenFuncGet(fd, 5, out, 3), 0);
+    EXPECT_EQ(Bytes(out, out + 3), Bytes({1, 2, 3}));
+
+    // 65536 + 2 is cut to 2: only two bytes travel.
+    uint8_t wide[4] = {9, 8, 7, 6};
+    EXPECT_EQ(UvcExtenFuncSet(fd, 6, wide, 65538u), 0);
+    EXPECT_EQ(simcam::extensionControl(0, 6), Bytes({9, 8}));
+
+    const uint64_t before = simcam::stats().ioctlCount(UVCIOC_CTRL_QUERY);
+    EXPECT_EQ(UvcExtenFuncSet(-1, 5, in, 3), -1);
+    EXPECT_EQ(UvcExtenFuncGet(-1, 5, out, 3), -1);
+    EXPECT_EQ(simcam::stats().ioctlCount(UVCIOC_CTRL_QUERY), before);
+    EXPECT_TRUE(log.lines().size() > 0);  // open lines only: the functions log nothing
+    EXPECT_FALSE(log.contains("Uvc"));
+}
+
+TEST_F(Acquisition, ExtensionUnitAbsentFails)
+{
+    simcam::Model model = smallCamera(kH264);
+    model.cameras[0].extensionUnit = 0;
+    useCamera(model);
+    ASSERT_EQ(element->v4l2_dev_open(), 0);
+    uint8_t data[2] = {};
+    EXPECT_EQ(UvcExtenFuncGet(element->m_fd, 1, data, 2), -1);
+}
+
+} // namespace
