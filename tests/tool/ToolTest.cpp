@@ -8,6 +8,7 @@
 #include <QTemporaryDir>
 #include <QThread>
 #include <csignal>
+#include <vector>
 
 namespace {
 
@@ -115,6 +116,60 @@ INSTANTIATE_TEST_SUITE_P(
                      QStringLiteral("1")},
                     7, "capture buffers"}),
     [](const testing::TestParamInfo<FailureCase>& info) { return std::string(info.param.name); });
+
+// Frame numbers ffprobe reports as key frames, in decode order.
+std::vector<int> keyFrames(const QString& file)
+{
+    QProcess p;
+    p.start(QStandardPaths::findExecutable(QStringLiteral("ffprobe")),
+            {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-select_streams"), QStringLiteral("v:0"),
+             QStringLiteral("-show_entries"), QStringLiteral("frame=key_frame"), QStringLiteral("-of"),
+             QStringLiteral("csv=p=0"), QStringLiteral("-f"), QStringLiteral("h264"), file});
+    p.waitForFinished(120000);
+    std::vector<int> keys;
+    const QList<QByteArray> lines = p.readAllStandardOutput().split('\n');
+    for (int i = 0; i < lines.size(); ++i)
+        if (lines[i].trimmed() == "1")
+            keys.push_back(i);
+    return keys;
+}
+
+class RawRecord : public testing::TestWithParam<const char*> {};
+
+TEST_P(RawRecord, TenSecondsOfEncodedH264WithAKeyFrameEverySixtyFrames)
+{
+    QTemporaryDir dir;
+    const QString file = dir.filePath(QStringLiteral("out.h264"));
+    const ToolRun run = camcap({QStringLiteral("--simulate"), QString::fromLatin1(GetParam()), QStringLiteral("--format"),
+                                QString::fromLatin1(GetParam()), QStringLiteral("--size"), QStringLiteral("1280x720"),
+                                QStringLiteral("--frames"), QStringLiteral("300"), QStringLiteral("--output"), file},
+                               120000);
+    ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
+    EXPECT_TRUE(run.err.contains(QStringLiteral("h264 (encoded from %1)").arg(QString::fromLatin1(GetParam()))))
+        << qPrintable(run.err);
+    const int decoded = decodedFrames(file, "h264");
+    if (decoded < 0)
+        GTEST_SKIP() << "ffprobe is not installed";
+    EXPECT_EQ(decoded, 300);
+    EXPECT_EQ(keyFrames(file), (std::vector<int>{0, 60, 120, 180, 240}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, RawRecord, testing::Values("yuyv", "nv12"));
+
+TEST(Tool, ForcedKeyFramesReachTheCamera)
+{
+    QTemporaryDir dir;
+    const QString file = dir.filePath(QStringLiteral("out.h264"));
+    // The clip's own key frames are far apart; forced ones come every 10 frames.
+    const ToolRun run = camcap({QStringLiteral("--simulate"), QStringLiteral("h264,clip=60,gop=60"),
+                                QStringLiteral("--size"), QStringLiteral("640x480"), QStringLiteral("--frames"),
+                                QStringLiteral("60"), QStringLiteral("--force-idr"), QStringLiteral("10"),
+                                QStringLiteral("--output"), file});
+    ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
+    if (QStandardPaths::findExecutable(QStringLiteral("ffprobe")).isEmpty())
+        GTEST_SKIP() << "ffprobe is not installed";
+    EXPECT_GE(keyFrames(file).size(), 3u);
+}
 
 TEST(Tool, ListsTheCamerasFormats)
 {
