@@ -100,12 +100,12 @@ bool isCameraDevicePath(std::string_view path)
 ActiveModel::ActiveModel(Model model) : model_(normalised(std::move(model))), shadow_(model_)
 {
     for (size_t c = 0; c < model_.cameras.size(); ++c) {
-        const Camera& spec = model_.cameras[c];
-        auto camera = std::make_shared<CameraState>(spec, int(c));
+        const Camera& config = model_.cameras[c];
+        auto camera = std::make_shared<CameraState>(config, int(c));
         cameras_.push_back(camera);
         if (!camera->usbPath.empty())
             camerasByUsbPath_[camera->usbPath] = camera;
-        for (const Node& n : spec.nodes) {
+        for (const Node& n : config.nodes) {
             auto node = std::make_shared<NodeState>(n, camera, model_.unthrottled);
             camera->attach(node);
             nodes_.push_back(node);
@@ -123,7 +123,7 @@ std::shared_ptr<NodeState> ActiveModel::nodeByPath(std::string_view path) const
 std::shared_ptr<NodeState> ActiveModel::nodeByName(std::string_view name) const
 {
     for (const auto& n : nodes_)
-        if (n->spec.name == name)
+        if (n->config.name == name)
             return n;
     return nullptr;
 }

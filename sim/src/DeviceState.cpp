@@ -21,9 +21,9 @@ std::string busInfoFor(const Camera& c, int index)
 
 } // namespace
 
-CameraState::CameraState(const Camera& spec_, int index_)
-    : spec(withoutNodes(spec_)), index(index_), usbPath(usbDevicePath(spec_)),
-      busInfo(busInfoFor(spec_, index_))
+CameraState::CameraState(const Camera& config_, int index_)
+    : config(withoutNodes(config_)), index(index_), usbPath(usbDevicePath(config_)),
+      busInfo(busInfoFor(config_, index_))
 {
 }
 
@@ -84,15 +84,15 @@ void CameraState::attach(const std::shared_ptr<NodeState>& node)
     nodes_.push_back(node);
 }
 
-NodeState::NodeState(const Node& spec_, std::shared_ptr<CameraState> camera_, bool unthrottled_)
-    : spec(spec_), path("/dev/" + spec_.name), camera(std::move(camera_)),
-      unthrottled(unthrottled_), faults_(spec_.faults)
+NodeState::NodeState(const Node& config_, std::shared_ptr<CameraState> camera_, bool unthrottled_)
+    : config(config_), path("/dev/" + config_.name), camera(std::move(camera_)),
+      unthrottled(unthrottled_), faults_(config_.faults)
 {
-    if (!spec.formats.empty()) {
-        const Format& first = spec.formats.front();
+    if (!config.formats.empty()) {
+        const Format& first = config.formats.front();
         uint32_t w = 0, h = 0;
         defaultSize(first, w, h);
-        format_ = layoutFor(first.fourcc, w, h, spec.content);
+        format_ = layoutFor(first.fourcc, w, h, config.content);
         if (const auto* intervals = intervalsAt(first, w, h))
             timePerFrame_ = nearestInterval(*intervals, {});
     }
@@ -131,15 +131,15 @@ int NodeState::takeFormatRefusal()
 
 int NodeState::applyFormat(PixFormat& wanted, bool commit)
 {
-    if (spec.formats.empty())
+    if (config.formats.empty())
         return EINVAL;
     // An unknown format falls back to the first one, as the UVC driver does.
-    const Format* format = findFormat(spec, wanted.fourcc);
+    const Format* format = findFormat(config, wanted.fourcc);
     if (!format)
-        format = &spec.formats.front();
+        format = &config.formats.front();
     uint32_t w = wanted.width, h = wanted.height;
     nearestSize(*format, w, h);
-    wanted = layoutFor(format->fourcc, w, h, spec.content);
+    wanted = layoutFor(format->fourcc, w, h, config.content);
     if (!commit)
         return 0;
 
@@ -167,7 +167,7 @@ Interval NodeState::timePerFrame() const
 Interval NodeState::applyTimePerFrame(Interval wanted)
 {
     std::lock_guard lock(m_);
-    if (const Format* f = findFormat(spec, format_.fourcc))
+    if (const Format* f = findFormat(config, format_.fourcc))
         if (const auto* intervals = intervalsAt(*f, format_.width, format_.height))
             timePerFrame_ = nearestInterval(*intervals, wanted);
     return forcedTimePerFrame_.value_or(timePerFrame_);

@@ -20,9 +20,9 @@ class NodeState;
 
 class CameraState {
 public:
-    CameraState(const Camera& spec, int index);
+    CameraState(const Camera& config, int index);
 
-    const Camera spec; // `nodes` left empty: the nodes live in NodeState
+    const Camera config; // `nodes` left empty: the nodes live in NodeState
     const int index;
     const std::string usbPath; // empty for a platform camera
     const std::string busInfo;
@@ -64,14 +64,14 @@ struct NodeSnapshot {
 
 class NodeState {
 public:
-    NodeState(const Node& spec, std::shared_ptr<CameraState> camera, bool unthrottled);
+    NodeState(const Node& config, std::shared_ptr<CameraState> camera, bool unthrottled);
 
-    const Node spec; // formats, kind and name never change; live faults are below
+    const Node config; // formats, kind and name never change; live faults are below
     const std::string path;
     const std::shared_ptr<CameraState> camera;
     std::atomic<bool> unthrottled;
 
-    bool isCapture() const { return spec.kind == NodeKind::Capture; }
+    bool isCapture() const { return config.kind == NodeKind::Capture; }
 
     NodeSnapshot snapshot() const;
     Faults faults() const;

@@ -98,8 +98,8 @@ int openUsbNode(const std::shared_ptr<CameraState>& camera, const char* path, in
     Registry& registry = Registry::instance();
     int error = 0;
     int fd = -1;
-    if (camera->spec.usbOpenErrno)
-        error = camera->spec.usbOpenErrno;
+    if (camera->config.usbOpenErrno)
+        error = camera->config.usbOpenErrno;
     else if ((flags & O_ACCMODE) == O_RDONLY)
         error = EACCES; // resetting needs write access
     else {

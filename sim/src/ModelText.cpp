@@ -232,12 +232,12 @@ const std::map<std::string, Setting>& settings()
              Camera& c = singleCamera(s, item);
              std::vector<Format> formats = captureFormats(c);
              std::vector<Node> nodes;
-             for (std::string_view spec : split(v, '/')) {
+             for (std::string_view config : split(v, '/')) {
                  Node n;
-                 size_t colon = spec.find(':');
-                 n.name = std::string(spec.substr(0, colon));
+                 size_t colon = config.find(':');
+                 n.name = std::string(config.substr(0, colon));
                  std::string kind = colon == std::string_view::npos ? "capture"
-                                                                    : lower(spec.substr(colon + 1));
+                                                                    : lower(config.substr(colon + 1));
                  if (kind == "meta")
                      n.kind = NodeKind::Metadata;
                  else if (kind == "capture")

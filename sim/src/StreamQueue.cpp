@@ -230,7 +230,7 @@ int StreamQueue::streamOn()
     // a camera to start.
     const PixFormat format = node_->format();
     std::shared_ptr<const ContentSource> content = ContentSource::get(
-        format.fourcc, int(format.width), int(format.height), node_->spec.content);
+        format.fourcc, int(format.width), int(format.height), node_->config.content);
     if (!content && format.fourcc != kFourccRGB24)
         return EIO;
 
@@ -403,7 +403,7 @@ void StreamQueue::produceLocked(std::unique_lock<std::mutex>& lock)
     const uint32_t sequence = sequence_++;
     const bool empty = node_->nextFrameEmpty();
     const uint32_t extraBytes = node_->faults().bytesusedExtra;
-    const std::vector<std::vector<uint8_t>>& scripted = node_->spec.scriptedFrames;
+    const std::vector<std::vector<uint8_t>>& scripted = node_->config.scriptedFrames;
     if (forceKey_ && !empty) {
         forceKey_ = false;
         for (int guard = 0; guard < 100000 && !isKeyFrame(contentIndex_); ++guard)

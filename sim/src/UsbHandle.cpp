@@ -21,9 +21,9 @@ int UsbHandle::ioctl(unsigned long request, void*)
     if (request != USBDEVFS_RESET)
         return ENOTTY;
     recorder_.reset(path_);
-    if (camera_->spec.resetErrno)
-        return camera_->spec.resetErrno;
-    if (!camera_->unplugged() || camera_->spec.resetReplugs)
+    if (camera_->config.resetErrno)
+        return camera_->config.resetErrno;
+    if (!camera_->unplugged() || camera_->config.resetReplugs)
         camera_->reenumerate();
     return 0;
 }

@@ -128,7 +128,7 @@ int VideoHandle::queryCapabilities(v4l2_capability& cap) const
         return faults.querycapErrno;
     std::memset(&cap, 0, sizeof cap);
     copyText(cap.driver, "uvcvideo");
-    copyText(cap.card, node_->camera->spec.card);
+    copyText(cap.card, node_->camera->config.card);
     copyText(cap.bus_info, node_->camera->busInfo);
     cap.version = KERNEL_VERSION(6, 1, 0);
     uint32_t caps = V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT;
@@ -143,7 +143,7 @@ int VideoHandle::queryCapabilities(v4l2_capability& cap) const
 
 int VideoHandle::enumFormat(v4l2_fmtdesc& desc) const
 {
-    const auto& formats = node_->spec.formats;
+    const auto& formats = node_->config.formats;
     if (desc.type != V4L2_BUF_TYPE_VIDEO_CAPTURE || desc.index >= formats.size())
         return EINVAL;
     const Format& f = formats[desc.index];
@@ -160,7 +160,7 @@ int VideoHandle::enumFormat(v4l2_fmtdesc& desc) const
 
 int VideoHandle::enumFrameSizes(v4l2_frmsizeenum& e) const
 {
-    const Format* f = findFormat(node_->spec, e.pixel_format);
+    const Format* f = findFormat(node_->config, e.pixel_format);
     if (!f)
         return EINVAL;
     if (f->stepwise) {
@@ -180,7 +180,7 @@ int VideoHandle::enumFrameSizes(v4l2_frmsizeenum& e) const
 
 int VideoHandle::enumFrameIntervals(v4l2_frmivalenum& e) const
 {
-    const Format* f = findFormat(node_->spec, e.pixel_format);
+    const Format* f = findFormat(node_->config, e.pixel_format);
     if (!f)
         return EINVAL;
     const auto* intervals = intervalsAt(*f, e.width, e.height);
@@ -277,7 +277,7 @@ int VideoHandle::setControl(const v4l2_control& c)
 int VideoHandle::extensionQuery(uvc_xu_control_query& q)
 {
     CameraState& camera = *node_->camera;
-    const int unit = camera.spec.extensionUnit;
+    const int unit = camera.config.extensionUnit;
     if (unit == 0 || q.unit != unit)
         return ENOENT;
     if (!q.data && q.size > 0)
