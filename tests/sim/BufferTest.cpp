@@ -1,184 +1,113 @@
-// Buffer requests and DMA-BUF import: grants, QUERYBUF, the checks QBUF makes, and what the
-// driver holds.
+// DMA-BUF import: the checks QBUF makes on what it is handed, and how long the imported
+// mappings and buffers stay with the driver.
 #include "SimTest.h"
 
 #include <sys/eventfd.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 using namespace simcam;
 using namespace simtest;
 
 namespace {
 
-v4l2_requestbuffers request(uint32_t count, uint32_t memory = V4L2_MEMORY_DMABUF)
-{
-    v4l2_requestbuffers r{};
-    r.count = count;
-    r.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    r.memory = memory;
-    return r;
-}
+enum class Memory { Memfd, NegativeFd, ClosedFd, EventFd };
+constexpr int64_t kWhole = INT64_MIN; // length 0: the whole buffer
 
-struct GrantCase {
-    int grant; // Faults::grantBuffers
-    uint32_t asked;
-    uint32_t granted;
-};
-
-class Grants : public SimTest, public ::testing::WithParamInterface<GrantCase> {};
-
-TEST_P(Grants, RequestBuffersGrantsTheChosenCount)
-{
-    Model m = parseModel("h264");
-    m.cameras[0].nodes[0].faults.grantBuffers = GetParam().grant;
-    ScopedModel model(m);
-    Fd fd = openNode("/dev/video0");
-    v4l2_requestbuffers r = request(GetParam().asked);
-    ASSERT_EQ(xioctl(fd.get(), VIDIOC_REQBUFS, &r), 0);
-    EXPECT_EQ(r.count, GetParam().granted);
-    EXPECT_TRUE(r.capabilities & V4L2_BUF_CAP_SUPPORTS_DMABUF);
-    const Stats s = stats();
-    EXPECT_EQ(s.buffersDequeued, int(GetParam().granted));
-    EXPECT_EQ(s.buffersQueued, 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(Counts, Grants,
-                         ::testing::Values(GrantCase{-1, 4, 4}, GrantCase{2, 4, 2},
-                                           GrantCase{8, 4, 8}, GrantCase{0, 4, 0},
-                                           GrantCase{-1, 64, 32}, GrantCase{5, 0, 0}));
-
-TEST_F(SimTest, OnlyDmabufMemoryIsSupported)
-{
-    ScopedModel model("h264");
-    Fd fd = openNode("/dev/video0");
-    for (uint32_t memory : {V4L2_MEMORY_MMAP, V4L2_MEMORY_USERPTR}) {
-        v4l2_requestbuffers r = request(4, memory);
-        EXPECT_EQ(xioctl(fd.get(), VIDIOC_REQBUFS, &r), EINVAL) << memory;
-    }
-}
-
-TEST_F(SimTest, QueryBufferReportsImageSize)
-{
-    ScopedModel model("yuyv,querybuf=EIO@2");
-    Fd fd = openNode("/dev/video0");
-    setFormat(fd.get(), kFourccYUYV, 640, 480);
-    v4l2_requestbuffers r = request(4);
-    ASSERT_EQ(xioctl(fd.get(), VIDIOC_REQBUFS, &r), 0);
-    std::vector<int> results;
-    for (uint32_t i = 0; i < 5; ++i) {
-        v4l2_buffer b = captureBuffer(i);
-        results.push_back(xioctl(fd.get(), VIDIOC_QUERYBUF, &b));
-        if (results.back() == 0) {
-            EXPECT_EQ(b.length, 640u * 480 * 2);
-        }
-    }
-    EXPECT_EQ(results, (std::vector<int>{0, 0, EIO, 0, EINVAL}));
-}
-
-// What QBUF is handed, and whether a driver would take it.
-struct QbufCase {
+struct ImportCase {
     const char* name;
-    int (*makeFd)(size_t imageSize, std::vector<simtest::Fd>& keep);
-    int64_t lengthDelta; // length passed relative to the image size (-image: pass 0)
+    Memory memory;
+    double sizeOfImage; // memfd size relative to the image size
+    int64_t lengthDelta; // length passed relative to the image size, or kWhole
     uint32_t index;
     int expected;
 };
 
-int memfdOf(size_t size, std::vector<Fd>& keep)
-{
-    int fd = memfd_create("q", MFD_CLOEXEC);
-    if (ftruncate(fd, off_t(size)) != 0)
-        return -1;
-    keep.emplace_back(fd);
-    return fd;
-}
-
-const QbufCase kQbufCases[] = {
-    {"GoodMemfd", [](size_t s, std::vector<Fd>& k) { return memfdOf(s, k); }, 0, 0, 0},
-    {"ZeroLengthMeansWholeBuffer", [](size_t s, std::vector<Fd>& k) { return memfdOf(s, k); },
-     INT64_MIN, 0, 0},
-    {"LargerThanImage", [](size_t s, std::vector<Fd>& k) { return memfdOf(2 * s, k); },
-     int64_t(100), 0, 0},
-    {"ShortLength", [](size_t s, std::vector<Fd>& k) { return memfdOf(s, k); }, -1, 0, EINVAL},
-    {"LengthBeyondBuffer", [](size_t s, std::vector<Fd>& k) { return memfdOf(s, k); }, 4096, 0,
-     EINVAL},
-    {"SmallBufferWholeLength", [](size_t s, std::vector<Fd>& k) { return memfdOf(s / 2, k); },
-     INT64_MIN, 0, EINVAL},
-    {"NegativeFd", [](size_t, std::vector<Fd>&) { return -1; }, 0, 0, EINVAL},
-    {"ClosedFd", [](size_t s, std::vector<Fd>& k) {
-         int fd = memfdOf(s, k);
-         k.back().reset();
-         return fd;
-     }, 0, 0, EINVAL},
-    {"NotMappable", [](size_t, std::vector<Fd>& k) {
-         k.emplace_back(eventfd(0, EFD_CLOEXEC));
-         return k.back().get();
-     }, 0, 0, EINVAL},
-    {"IndexOutOfRange", [](size_t s, std::vector<Fd>& k) { return memfdOf(s, k); }, 0, 4, EINVAL},
-};
-
-class QueueBuffer : public SimTest, public ::testing::WithParamInterface<QbufCase> {};
+class QueueBuffer : public SimTest, public ::testing::WithParamInterface<ImportCase> {};
 
 TEST_P(QueueBuffer, ChecksTheImportedBuffer)
 {
     ScopedModel model("nv12");
-    Fd fd = openNode("/dev/video0");
-    const v4l2_format f = setFormat(fd.get(), kFourccNV12, 640, 480);
-    const size_t image = f.fmt.pix.sizeimage;
-    v4l2_requestbuffers r = request(4);
-    ASSERT_EQ(xioctl(fd.get(), VIDIOC_REQBUFS, &r), 0);
+    const ImportCase& c = GetParam();
+    Stream s(kFourccNV12, 640, 480, 0); // the format only
+    ASSERT_STREQ(s.failedAt, "STREAMON") << "no buffers, no streaming";
+    v4l2_requestbuffers r = requestBuffers(4);
+    ASSERT_EQ(xioctl(s.fd.fd, VIDIOC_REQBUFS, &r), 0);
 
-    std::vector<Fd> keep;
-    const QbufCase& c = GetParam();
-    v4l2_buffer b = captureBuffer(c.index);
-    b.m.fd = c.makeFd(image, keep);
-    b.length = c.lengthDelta == INT64_MIN ? 0 : uint32_t(int64_t(image) + c.lengthDelta);
-    EXPECT_EQ(xioctl(fd.get(), VIDIOC_QBUF, &b), c.expected);
+    const size_t image = s.format.fmt.pix.sizeimage;
+    Fd memory(c.memory == Memory::EventFd      ? eventfd(0, EFD_CLOEXEC)
+              : c.memory == Memory::NegativeFd ? -1
+                                               : memfd_create("import", MFD_CLOEXEC));
+    if (c.memory == Memory::Memfd || c.memory == Memory::ClosedFd) {
+        ASSERT_EQ(ftruncate(memory.fd, off_t(double(image) * c.sizeOfImage)), 0);
+    }
+    const int fd = memory.fd;
+    if (c.memory == Memory::ClosedFd)
+        memory.reset();
+
+    v4l2_buffer b = captureBuffer(c.index, fd, c.lengthDelta == kWhole ? 0 : uint32_t(int64_t(image) + c.lengthDelta));
+    EXPECT_EQ(xioctl(s.fd.fd, VIDIOC_QBUF, &b), c.expected);
     EXPECT_EQ(stats().mappings, c.expected == 0 ? 1 : 0);
     if (c.expected == 0) {
         EXPECT_TRUE(b.flags & V4L2_BUF_FLAG_QUEUED);
-        EXPECT_EQ(xioctl(fd.get(), VIDIOC_QBUF, &b), EINVAL) << "queued twice";
+        EXPECT_EQ(xioctl(s.fd.fd, VIDIOC_QBUF, &b), EINVAL) << "queued twice";
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Imports, QueueBuffer, ::testing::ValuesIn(kQbufCases),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Imports, QueueBuffer,
+    ::testing::Values(ImportCase{"Fits", Memory::Memfd, 1, 0, 0, 0},
+                      ImportCase{"ZeroLengthMeansWholeBuffer", Memory::Memfd, 1, kWhole, 0, 0},
+                      ImportCase{"LargerThanImage", Memory::Memfd, 2, 100, 0, 0},
+                      ImportCase{"ShortLength", Memory::Memfd, 1, -1, 0, EINVAL},
+                      ImportCase{"LengthBeyondBuffer", Memory::Memfd, 1, 4096, 0, EINVAL},
+                      ImportCase{"SmallBuffer", Memory::Memfd, 0.5, kWhole, 0, EINVAL},
+                      ImportCase{"NegativeFd", Memory::NegativeFd, 1, 0, 0, EINVAL},
+                      ImportCase{"ClosedFd", Memory::ClosedFd, 1, 0, 0, EINVAL},
+                      ImportCase{"NotMappable", Memory::EventFd, 1, 0, 0, EINVAL},
+                      ImportCase{"IndexOutOfRange", Memory::Memfd, 1, 0, 4, EINVAL}),
+    [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(SimTest, MappingsLiveUntilBuffersAreFreed)
-{
-    ScopedModel model("h264,size=320x240");
-    {
-        Stream s("/dev/video0", kFourccH264, 320, 240);
-        ASSERT_EQ(s.error, 0) << s.failedAt;
-        EXPECT_EQ(stats().mappings, 4);
-        int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        ASSERT_EQ(xioctl(s.fd.get(), VIDIOC_STREAMOFF, &type), 0);
-        EXPECT_EQ(stats().mappings, 4) << "STREAMOFF keeps the imported buffers";
-        v4l2_requestbuffers r = request(0);
-        ASSERT_EQ(xioctl(s.fd.get(), VIDIOC_REQBUFS, &r), 0);
-        EXPECT_EQ(stats().mappings, 0);
-    }
-    {
-        Stream s("/dev/video0", kFourccH264, 320, 240);
-        ASSERT_EQ(s.error, 0) << s.failedAt;
-        s.fd.reset(); // close without any cleanup ioctl
-        EXPECT_EQ(stats().mappings, 0);
-        EXPECT_EQ(stats().clockThreads, 0);
-    }
-}
-
-TEST_F(SimTest, RequeueingTheSameDescriptorKeepsTheMapping)
+TEST_F(SimTest, StreamOffReturnsEveryBufferAndKeepsTheImports)
 {
     ScopedModel model("mjpeg,size=320x240,fps=200");
-    Stream s("/dev/video0", kFourccMJPG, 320, 240);
+    Stream s(kFourccMJPG, 320, 240);
     ASSERT_EQ(s.error, 0) << s.failedAt;
+    v4l2_buffer b{};
     for (int i = 0; i < 8; ++i) {
-        v4l2_buffer b{};
         ASSERT_EQ(s.dequeue(b), 0);
         ASSERT_EQ(s.requeue(b), 0);
     }
-    EXPECT_EQ(stats().mappings, 4);
+    EXPECT_EQ(stats().mappings, 4) << "requeueing a descriptor reuses its mapping";
+    ASSERT_EQ(s.dequeue(b), 0);
+    EXPECT_EQ(stats().buffersDequeued, 1);
+    EXPECT_EQ(stats().buffersQueued, 3);
+
+    ASSERT_EQ(s.streamCtl(VIDIOC_STREAMOFF), 0);
+    Stats st = stats();
+    EXPECT_EQ(st.buffersQueued, 0);
+    EXPECT_EQ(st.buffersDequeued, 4);
+    EXPECT_FALSE(st.streaming());
+    EXPECT_EQ(st.clockThreads, 0);
+    EXPECT_EQ(st.mappings, 4);
+
+    // Every buffer can be queued again, and streaming restarts from sequence 0.
+    for (uint32_t i = 0; i < 4; ++i) {
+        v4l2_buffer q = captureBuffer(i, s.buffers[i].fd.fd, uint32_t(s.buffers[i].size));
+        ASSERT_EQ(s.requeue(q), 0) << i;
+    }
+    ASSERT_EQ(s.streamCtl(VIDIOC_STREAMON), 0);
+    ASSERT_EQ(s.dequeue(b), 0);
+    EXPECT_EQ(b.sequence, 0u);
+
+    ASSERT_EQ(s.streamCtl(VIDIOC_STREAMOFF), 0);
+    v4l2_requestbuffers none = requestBuffers(0);
+    ASSERT_EQ(xioctl(s.fd.fd, VIDIOC_REQBUFS, &none), 0);
+    EXPECT_EQ(stats().mappings, 0);
+
+    Stream again(kFourccMJPG, 320, 240);
+    ASSERT_EQ(again.error, 0) << again.failedAt;
+    again.fd.reset(); // a close without any cleanup ioctl frees everything too
+    EXPECT_EQ(stats().mappings, 0);
+    EXPECT_EQ(stats().clockThreads, 0);
 }
 
 } // namespace
