@@ -35,9 +35,9 @@ export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 # libx265 keeps allocations of every encoder it closes; the simulated camera uses it.
 export LSAN_OPTIONS=suppressions=$PWD/sim/content/x265.lsan.supp
-stage "build (ASan+UBSan)" configure_build "$root/build-asan" -DSANITIZE=address
+stage "build (ASan+UBSan)" configure_build "$root/build-asan" -DSANITIZE=address -DCMAKE_BUILD_TYPE=Debug
 stage "tests (ASan+UBSan)" run_suite "$root/build-asan"
 
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp"
-stage "build (TSan)" configure_build "$root/build-tsan" -DSANITIZE=thread
+stage "build (TSan)" configure_build "$root/build-tsan" -DSANITIZE=thread -DCMAKE_BUILD_TYPE=Debug
 stage "tests (TSan)" run_suite "$root/build-tsan"
