@@ -1,21 +1,18 @@
 #pragma once
-// Helpers shared by the content tests: Annex B scanning, fetching frames, and running
-// the ffmpeg tools.
+// Helpers shared by the content tests: fetching and rendering frames, Annex B NAL units,
+// running a tool.
 
 #include "content/ContentSource.h"
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 namespace simcam::test {
-
-inline std::string fourccName(uint32_t f)
-{
-    return std::string{char(f), char(f >> 8), char(f >> 16), char(f >> 24)};
-}
 
 inline std::vector<uint8_t> frame(const ContentSource& s, uint64_t index)
 {
@@ -24,66 +21,50 @@ inline std::vector<uint8_t> frame(const ContentSource& s, uint64_t index)
     return buf;
 }
 
-struct Nal {
-    size_t start;   // offset of the start code
-    size_t payload; // offset of the NAL header
-    size_t end;     // one past the last byte
-};
-
-// Splits an Annex B buffer at its start codes (3 or 4 bytes).
-inline std::vector<Nal> splitAnnexB(const std::vector<uint8_t>& b)
+// render() writes exactly frameSize() bytes, and nothing at all into a smaller buffer.
+inline void checkRender(const ContentSource& s, uint64_t index)
 {
-    std::vector<Nal> out;
-    const size_t n = b.size();
-    for (size_t i = 0; i + 3 <= n; ++i) {
-        if (b[i] != 0 || b[i + 1] != 0)
-            continue;
-        size_t sc = 0;
-        if (b[i + 2] == 1)
-            sc = 3;
-        else if (i + 4 <= n && b[i + 2] == 0 && b[i + 3] == 1)
-            sc = 4;
-        if (!sc)
-            continue;
-        if (!out.empty())
-            out.back().end = i;
-        out.push_back({i, i + sc, n});
-        i += sc - 1;
-    }
-    return out;
+    const size_t n = s.frameSize(index);
+    std::vector<uint8_t> buf(n + 16, 0x5A);
+    const auto untouchedFrom = [&buf](size_t from) {
+        return std::all_of(buf.begin() + long(from), buf.end(), [](uint8_t b) { return b == 0x5A; });
+    };
+    for (size_t capacity : {size_t(0), n / 2, n - 1})
+        EXPECT_EQ(s.render(index, buf.data(), capacity), 0u) << "capacity " << capacity;
+    EXPECT_TRUE(untouchedFrom(0)) << "wrote while refusing";
+    EXPECT_EQ(s.render(index, buf.data(), buf.size()), n);
+    EXPECT_TRUE(untouchedFrom(n)) << "wrote past frameSize";
 }
 
-inline int h264Type(const std::vector<uint8_t>& b, const Nal& n) { return b[n.payload] & 0x1f; }
-inline int hevcType(const std::vector<uint8_t>& b, const Nal& n) { return b[n.payload] >> 1 & 0x3f; }
+// Offset of each NAL unit header after a 00 00 01 start code (a 4-byte code ends in one).
+inline std::vector<size_t> nalHeaders(const std::vector<uint8_t>& b)
+{
+    std::vector<size_t> out;
+    for (size_t i = 0; i + 3 < b.size(); ++i)
+        if (b[i] == 0 && b[i + 1] == 0 && b[i + 2] == 1)
+            out.push_back(i += 3);
+    return out;
+}
 
 inline std::vector<int> nalTypes(const std::vector<uint8_t>& au, bool hevc)
 {
     std::vector<int> t;
-    for (const Nal& n : splitAnnexB(au))
-        t.push_back(hevc ? hevcType(au, n) : h264Type(au, n));
+    for (size_t p : nalHeaders(au))
+        t.push_back(hevc ? au[p] >> 1 & 0x3f : au[p] & 0x1f);
     return t;
 }
 
-inline bool haveTool(const char* name)
-{
-    const std::string cmd = std::string("command -v ") + name + " >/dev/null 2>&1";
-    return std::system(cmd.c_str()) == 0;
-}
-
-// Runs a shell command; returns its stdout (and stderr when merged by the caller).
-inline std::string run(const std::string& cmd, int* status = nullptr)
+// Runs a shell command; its stdout, and its exit status in *status.
+inline std::string run(const std::string& cmd, int* status)
 {
     std::string out;
     FILE* p = popen(cmd.c_str(), "r");
     if (!p)
         return out;
     char buf[4096];
-    size_t got;
-    while ((got = fread(buf, 1, sizeof buf, p)) > 0)
+    for (size_t got; (got = fread(buf, 1, sizeof buf, p)) > 0;)
         out.append(buf, got);
-    const int st = pclose(p);
-    if (status)
-        *status = st;
+    *status = pclose(p);
     return out;
 }
 
