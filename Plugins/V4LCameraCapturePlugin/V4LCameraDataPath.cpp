@@ -203,8 +203,10 @@ int V4LCameraCapturePlugin::v4l2_get_one_frame_yuv()
         return -1;
     }
     std::unique_ptr<Codec::MediaPacket> packet = m_encoder->getPacket();
-    if (packet && packet->status == 0 && packet->buffer) {
-        pushSendBuffer(packet->buffer->data, packet->buffer->length);
+    if (packet) {
+        if (packet->status == 0 && packet->buffer)
+            pushSendBuffer(packet->buffer->data, packet->buffer->length);
+        // A buffer is ours once received, whatever the status says.
         delete packet->buffer;
     }
     return requeueBuffer(&buf, __func__);
