@@ -213,6 +213,7 @@ int V4LCameraCapturePlugin::play()
     }
     if (v4l2_init_buffer() < 0) {
         ELEMENT_LOG(0, "%s:%d ERROR: v4l2_stream_on#v4l2_init_buffer() failed\n\n");
+        v4l2_release_buffer();  // no DMA-BUF descriptor may outlive a failed play
         ::close(m_fd);
         m_fd = -1;
         return -1;
