@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
-# Installs what is needed, builds, and runs the whole test suite three times: plainly,
-# under AddressSanitizer + UndefinedBehaviorSanitizer, and under ThreadSanitizer. Exits
-# non-zero on any failure or sanitizer report. Build trees: build/, build-asan/ and
-# build-tsan/ (under BUILD_ROOT, default the checkout).
+# Installs what is needed, builds, and runs every test: the suite three times (plainly,
+# under AddressSanitizer + UndefinedBehaviorSanitizer, under ThreadSanitizer), the
+# scenarios against real kernel drivers in a QEMU VM, and the armhf cross build's suite
+# under qemu-user. Exits non-zero on any failure or sanitizer report. Build trees: build/,
+# build-asan/, build-tsan/, build-armhf/ (under BUILD_ROOT, default the checkout).
+# Downloads (kernels, armhf packages) are cached in CAMERA_CACHE_DIR
+# (default /var/cache/camera-build).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=${BUILD_ROOT:-$PWD}
@@ -41,3 +44,6 @@ stage "tests (ASan+UBSan)" run_suite "$root/build-asan"
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp"
 stage "build (TSan)" configure_build "$root/build-tsan" -DSANITIZE=thread -DCMAKE_BUILD_TYPE=Debug
 stage "tests (TSan)" run_suite "$root/build-tsan"
+
+# The VM boots from this machine, so a VM that cannot boot is a failure here, not a skip.
+stage "VM tests (real kernel drivers)" env VM_REQUIRED=1 bash scripts/test-vm.sh
