@@ -47,3 +47,4 @@ stage "tests (TSan)" run_suite "$root/build-tsan"
 
 # The VM boots from this machine, so a VM that cannot boot is a failure here, not a skip.
 stage "VM tests (real kernel drivers)" env VM_REQUIRED=1 bash scripts/test-vm.sh
+stage "armhf (cross build, tests under qemu-user)" env BUILD_DIR="$root/build-armhf" bash scripts/test-armhf.sh

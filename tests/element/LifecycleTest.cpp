@@ -3,6 +3,8 @@
 #include <dirent.h>
 
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 #include "SimElementFixture.h"
 
@@ -42,6 +44,20 @@ int countEntries(const char* dir)
         while (readdir(d))
             ++n;
         closedir(d);
+    }
+    return n;
+}
+
+// A joined thread can stay listed for a moment (qemu-user finishes it after waking the
+// joiner), so the count is read until it holds still for 100 ms.
+int settledThreadCount()
+{
+    int n = countEntries("/proc/self/task");
+    for (int still = 0; still < 10;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        const int m = countEntries("/proc/self/task");
+        still = m == n ? still + 1 : 0;
+        n = m;
     }
     return n;
 }
@@ -168,14 +184,14 @@ TEST_F(Lifecycle, RepeatedPlayAndStopLeakNothing)
     ASSERT_EQ(element->play(), 0);  // warm up: first-use allocations are not leaks
     ASSERT_EQ(element->stop(), 0);
     const int fds = countEntries("/proc/self/fd");
-    const int threads = countEntries("/proc/self/task");
+    const int threads = settledThreadCount();
 
     for (int i = 0; i < 200; ++i) {
         ASSERT_EQ(element->play(), 0) << "round " << i;
         ASSERT_EQ(element->stop(), 0);
     }
     EXPECT_EQ(countEntries("/proc/self/fd"), fds);
-    EXPECT_EQ(countEntries("/proc/self/task"), threads);
+    EXPECT_EQ(settledThreadCount(), threads);
     const simcam::Stats s = simcam::stats();
     EXPECT_EQ(s.openDescriptors, 0);
     EXPECT_EQ(s.mappings, 0);
