@@ -150,8 +150,8 @@ void Pattern::renderYUYV(uint64_t index, uint8_t* dst, size_t stride) const
     }
 }
 
-void Pattern::renderNV12(uint64_t index, uint8_t* yp, size_t yStride, uint8_t* uv,
-                         size_t uvStride) const
+void Pattern::renderPlanar(uint64_t index, uint8_t* yp, size_t yStride,
+                           const ChromaRow& chroma) const
 {
     const Frame f = frameAt(index);
     std::vector<uint8_t> scratch(size_t(width_) * 2);
@@ -161,31 +161,29 @@ void Pattern::renderNV12(uint64_t index, uint8_t* yp, size_t yStride, uint8_t* u
     for (int y = 0; y < height_; ++y)
         std::memcpy(yp + size_t(y) * yStride, lumaRow(f, y, ls), size_t(width_));
     // 4:2:0 chroma takes the even row's samples; the box and stamp start on even rows.
-    for (int cy = 0; cy < height_ / 2; ++cy) {
-        const uint8_t* cb = cbRow(f, 2 * cy, cbs);
-        const uint8_t* cr = crRow(f, 2 * cy, crs);
+    for (int cy = 0; cy < height_ / 2; ++cy)
+        chroma(cy, cbRow(f, 2 * cy, cbs), crRow(f, 2 * cy, crs));
+}
+
+void Pattern::renderNV12(uint64_t index, uint8_t* yp, size_t yStride, uint8_t* uv,
+                         size_t uvStride) const
+{
+    renderPlanar(index, yp, yStride, [&](int cy, const uint8_t* cb, const uint8_t* cr) {
         uint8_t* d = uv + size_t(cy) * uvStride;
         for (int i = 0; i < width_ / 2; ++i) {
             d[2 * i] = cb[i];
             d[2 * i + 1] = cr[i];
         }
-    }
+    });
 }
 
 void Pattern::renderI420(uint64_t index, uint8_t* yp, size_t yStride, uint8_t* u,
                          size_t uStride, uint8_t* v, size_t vStride) const
 {
-    const Frame f = frameAt(index);
-    std::vector<uint8_t> scratch(size_t(width_) * 2);
-    uint8_t* ls = scratch.data();
-    uint8_t* cbs = ls + width_;
-    uint8_t* crs = cbs + width_ / 2;
-    for (int y = 0; y < height_; ++y)
-        std::memcpy(yp + size_t(y) * yStride, lumaRow(f, y, ls), size_t(width_));
-    for (int cy = 0; cy < height_ / 2; ++cy) {
-        std::memcpy(u + size_t(cy) * uStride, cbRow(f, 2 * cy, cbs), size_t(width_ / 2));
-        std::memcpy(v + size_t(cy) * vStride, crRow(f, 2 * cy, crs), size_t(width_ / 2));
-    }
+    renderPlanar(index, yp, yStride, [&](int cy, const uint8_t* cb, const uint8_t* cr) {
+        std::memcpy(u + size_t(cy) * uStride, cb, size_t(width_ / 2));
+        std::memcpy(v + size_t(cy) * vStride, cr, size_t(width_ / 2));
+    });
 }
 
 bool Pattern::readStamp(const uint8_t* luma, size_t rowStride, size_t pixelStep, int width,

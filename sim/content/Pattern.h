@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 namespace simcam {
@@ -49,6 +50,9 @@ private:
     const uint8_t* lumaRow(const Frame& f, int y, uint8_t* scratch) const;
     const uint8_t* cbRow(const Frame& f, int y, uint8_t* scratch) const;
     const uint8_t* crRow(const Frame& f, int y, uint8_t* scratch) const;
+    // Fills the Y plane and hands each 4:2:0 chroma row pair (Cb, Cr) to `chroma`.
+    using ChromaRow = std::function<void(int row, const uint8_t* cb, const uint8_t* cr)>;
+    void renderPlanar(uint64_t index, uint8_t* y, size_t yStride, const ChromaRow& chroma) const;
 
     int width_;
     int height_;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include "Formats.h"
 #include "SimElementFixture.h"
 
 namespace {
@@ -12,11 +13,7 @@ class Attributes : public SimElementTest {
 protected:
     int setFormat(int codec, int w, int h)
     {
-        MediaFormat f;
-        f.codecType = codec;
-        f.width = w;
-        f.height = h;
-        return element->setAttribute(ATTR_CAM_SETFORMAT, QVariant::fromValue(f));
+        return element->setAttribute(ATTR_CAM_SETFORMAT, QVariant::fromValue(videoFormat(codec, w, h)));
     }
 };
 

@@ -2,21 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include "Formats.h"
 #include "Logger.h"
 #include "V4LCameraCapturePlugin.h"
 
 namespace {
 
 constexpr uint32_t kH264 = 0x34363248, kHEVC = 0x43564548, kMJPG = 0x47504a4d;
-
-MediaFormat request(int codec, int w, int h)
-{
-    MediaFormat f;
-    f.codecType = codec;
-    f.width = w;
-    f.height = h;
-    return f;
-}
 
 TEST(ElementShell, FreshElementDefaults)
 {
@@ -45,7 +37,7 @@ TEST_P(ElementOutPin, TakesSizeAlwaysAndFormatWhenAccepted)
 {
     V4LCameraCapturePlugin e;
     e.m_format = kMJPG;
-    EXPECT_EQ(e.activeOutPin(nullptr, request(GetParam().codec, 1280, 720)), GetParam().result);
+    EXPECT_EQ(e.activeOutPin(nullptr, videoFormat(GetParam().codec, 1280, 720)), GetParam().result);
     EXPECT_EQ(e.m_width, 1280);
     EXPECT_EQ(e.m_height, 720);
     EXPECT_EQ(e.m_format, GetParam().format);

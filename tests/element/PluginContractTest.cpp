@@ -10,6 +10,7 @@
 #include <QPluginLoader>
 #include <QPointer>
 
+#include "Formats.h"
 #include "IMediaElement.h"
 #include "Logger.h"
 #include "MediaPin.h"
@@ -92,10 +93,7 @@ TEST_P(ActiveOutPin, AcceptsOnlyCodedFormatsTheCameraCanPassThrough)
 {
     IMediaElement* e = element();
     LogCapture log;
-    MediaFormat format;
-    format.codecType = GetParam().codec;
-    format.width = 640;
-    format.height = 480;
+    const MediaFormat format = videoFormat(GetParam().codec, 640, 480);
     EXPECT_EQ(e->activeOutPin(nullptr, format), GetParam().expected);
     EXPECT_EQ(e->activeOutPin(e->getOutputPinList().first(), format), GetParam().expected);
     EXPECT_EQ(log.count("activeOutPin failed -1", 0), GetParam().expected == 0 ? 0 : 2);

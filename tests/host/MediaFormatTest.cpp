@@ -5,18 +5,10 @@
 #include <thread>
 #include <vector>
 
+#include "Formats.h"
 #include "MediaFormat.h"
 
 namespace {
-
-MediaFormat format(int codec, int w, int h)
-{
-    MediaFormat f;
-    f.codecType = codec;
-    f.width = w;
-    f.height = h;
-    return f;
-}
 
 TEST(MediaFormat, DefaultsAreUnsetEverywhere)
 {
@@ -40,7 +32,7 @@ TEST(MediaFormat, RegisteredUnderTheHostsNames)
 TEST(MediaFormat, ListWalksAsSequenceWithoutKnowingTheElementType)
 {
     registerMediaFormatMetaTypes();
-    const QList<MediaFormat> list{format(9, 1920, 1080), format(11, 640, 480)};
+    const QList<MediaFormat> list{videoFormat(9, 1920, 1080), videoFormat(11, 640, 480)};
     const QVariant v = QVariant::fromValue(list);
     ASSERT_TRUE(v.canConvert<QVariantList>());
     const QSequentialIterable iterable = v.value<QSequentialIterable>();
@@ -51,10 +43,10 @@ TEST(MediaFormat, ListWalksAsSequenceWithoutKnowingTheElementType)
 TEST(MediaFormat, ExtractionFromForeignVariantGivesDefault)
 {
     const QVariant values[] = {QVariant(), QVariant(42), QVariant(QStringLiteral("h264")),
-                               QVariant::fromValue(QList<MediaFormat>{format(6, 1, 1)})};
+                               QVariant::fromValue(QList<MediaFormat>{videoFormat(6, 1, 1)})};
     for (const QVariant& v : values)
         EXPECT_EQ(v.value<MediaFormat>(), MediaFormat()) << v.typeName();
-    EXPECT_EQ(QVariant::fromValue(format(6, 640, 480)).value<MediaFormat>(), format(6, 640, 480));
+    EXPECT_EQ(QVariant::fromValue(videoFormat(6, 640, 480)).value<MediaFormat>(), videoFormat(6, 640, 480));
 }
 
 TEST(MediaFormat, ConcurrentFirstRegistrationAgrees)
