@@ -14,6 +14,7 @@
 #include <mutex>
 
 #include "Logger.h"
+#include "UniqueFd.h"
 
 namespace Codec {
 
@@ -40,28 +41,6 @@ const char* const kSourceNames[] = {"dma-heap", "udmabuf", "memfd"};
 const char* const kHeapPaths[] = {"/dev/dma_heap/system", "/dev/dma_heap/linux,cma",
                                   "/dev/dma_heap/reserved"};
 
-class Fd {
-public:
-    explicit Fd(int fd = -1) : m_fd(fd) {}
-    ~Fd()
-    {
-        if (m_fd >= 0)
-            ::close(m_fd);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return m_fd; }
-    int release()
-    {
-        int fd = m_fd;
-        m_fd = -1;
-        return fd;
-    }
-
-private:
-    int m_fd;
-};
-
 size_t pageRound(size_t bytes)
 {
     const size_t page = size_t(sysconf(_SC_PAGESIZE));
@@ -71,7 +50,7 @@ size_t pageRound(size_t bytes)
 int heapAlloc(size_t bytes)
 {
     for (const char* path : kHeapPaths) {
-        Fd heap(::open(path, O_RDWR | O_CLOEXEC));
+        UniqueFd heap(::open(path, O_RDWR | O_CLOEXEC));
         if (heap.get() < 0)
             continue;
         dma_heap_allocation_data request{};
@@ -85,7 +64,7 @@ int heapAlloc(size_t bytes)
 
 int memfdAlloc(size_t bytes, bool sealed)
 {
-    Fd memfd(memfd_create("camera-buffer", MFD_CLOEXEC | (sealed ? MFD_ALLOW_SEALING : 0)));
+    UniqueFd memfd(memfd_create("camera-buffer", MFD_CLOEXEC | (sealed ? MFD_ALLOW_SEALING : 0)));
     if (memfd.get() < 0 || ftruncate(memfd.get(), off_t(bytes)) != 0)
         return -1;
     // udmabuf insists that the memory cannot shrink under the device.
@@ -96,10 +75,10 @@ int memfdAlloc(size_t bytes, bool sealed)
 
 int udmabufAlloc(size_t bytes)
 {
-    Fd dev(::open("/dev/udmabuf", O_RDWR | O_CLOEXEC));
+    UniqueFd dev(::open("/dev/udmabuf", O_RDWR | O_CLOEXEC));
     if (dev.get() < 0)
         return -1;
-    Fd memfd(memfdAlloc(bytes, true));
+    UniqueFd memfd(memfdAlloc(bytes, true));
     if (memfd.get() < 0)
         return -1;
     udmabuf_create request{};
