@@ -13,12 +13,12 @@
 #include <algorithm>
 #include <cstring>
 
+#include "Bitstream.h"
 #include "ElementLog.h"
 
 namespace {
 
 constexpr unsigned kSlots = 4;
-constexpr uint32_t kHevcPieceBytes = 1920 * 1080 * 3 / 2;  // 3,110,400
 constexpr size_t kH264Backlog = 200;
 
 int align16(int x) { return (x + 15) & ~15; }
@@ -35,48 +35,6 @@ void clearBuffer(v4l2_buffer* buf)
     std::memset(buf, 0, sizeof *buf);
     buf->type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     buf->memory = V4L2_MEMORY_DMABUF;
-}
-
-// True when data starts with an Annex B start code whose NAL unit has the given type.
-bool isNalFrame(unsigned char type, const void* data, int length)
-{
-    if (length <= 4)
-        return false;
-    const auto* p = static_cast<const unsigned char*>(data);
-    if (p[0] != 0 || p[1] != 0)
-        return false;
-    unsigned char header;
-    if (p[2] == 1)
-        header = p[3];
-    else if (p[2] == 0 && p[3] == 1)
-        header = p[4];
-    else
-        return false;
-    return (header & 0x1f) == type;
-}
-
-// Whether an H.264 access unit begins with an IDR slice, possibly behind SPS and PPS.
-bool startsWithKeyFrame(const unsigned char* p, int n)
-{
-    for (;;) {
-        if (isNalFrame(5, p, n))
-            return true;
-        if (!isNalFrame(7, p, n) && !isNalFrame(8, p, n))
-            return false;
-        const unsigned char* q = p + 4;
-        int m = n - 4;
-        bool found = false;
-        for (; m >= 5; ++q, --m) {
-            if (q[0] == 0 && q[1] == 0 && (q[2] == 1 || (q[2] == 0 && q[3] == 1))) {
-                found = true;
-                break;
-            }
-        }
-        if (!found)
-            return false;
-        p = q;
-        n = m;
-    }
 }
 
 int uvcExtensionQuery(int fd, int selector, void* data, unsigned int size, uint8_t query)
@@ -265,7 +223,7 @@ int V4LCameraCapturePlugin::v4l2_get_one_frame2()
 
     if (m_format == FOURCC_H264) {
         // A consumer that fell far behind is resynchronised at the next key frame.
-        if (sendQueueLength() > kH264Backlog && bytes > 4 && startsWithKeyFrame(data, int(bytes)))
+        if (sendQueueLength() > kH264Backlog && bytes > 4 && bitstream::startsWithKeyFrame(data, int(bytes)))
             flushSendQueue();
         pushSendBuffer(data, bytes);
     } else if (m_format == FOURCC_MJPG) {
@@ -273,11 +231,7 @@ int V4LCameraCapturePlugin::v4l2_get_one_frame2()
         if (sendQueueLength() < 2)
             pushSendBuffer(data, bytes);
     } else if (m_format == FOURCC_HEVC) {
-        for (uint32_t offset = 0; offset < bytes;) {
-            const uint32_t piece = std::min(bytes - offset, kHevcPieceBytes);
-            pushSendBuffer(data + offset, piece);
-            offset += piece;
-        }
+        bitstream::cutHevc(bytes, [&](uint32_t offset, uint32_t piece) { pushSendBuffer(data + offset, piece); });
     }
     return requeueBuffer(&buf, __func__);
 }
