@@ -27,15 +27,17 @@ host_packages=(
 # dependencies (GUI, GL, Vulkan, LLVM) would quadruple the download for modules the project
 # does not use.
 # dash and coreutils: the ARM shell the emulation shim runs popen()/system() commands with,
-# and the env(1) they use to start ARM programs.
+# and the env(1) they use to start ARM programs. bash and v4l-utils: the real-kernel
+# scenarios' guest scripts run in this sysroot on the ARM VM (scripts/test-armvm.sh).
+# libdrm-dev: the DRM ioctl headers of the allocator.
 target_packages=(
   libqt5core5a libgtest-dev libgmock-dev
-  libopenh264-dev libyuv-dev libjpeg62-turbo-dev libx265-dev
-  dash coreutils
+  libopenh264-dev libyuv-dev libjpeg62-turbo-dev libx265-dev libdrm-dev
+  dash coreutils bash v4l-utils
 )
 target_nodeps=(qtbase5-dev qt5-qmake)
 # Bump when the way the sysroot is laid out changes.
-layout=3
+layout=4
 
 log() { printf '[install-armhf] %s\n' "$*" >&2; }
 if [ "$(id -u)" -ne 0 ]; then SUDO=sudo; else SUDO=; fi
@@ -116,12 +118,8 @@ Acquire::Languages "none";
 EOF
 # Downloads go to our own directories, which apt's _apt user cannot write.
 echo "APT::Sandbox::User \"$(id -un)\";" >> "$cache/apt/apt.conf"
-keyring=/usr/share/keyrings/debian-archive-keyring.gpg
-cat > "$cache/apt/etc/apt/sources.list" <<EOF
-deb [signed-by=$keyring] http://deb.debian.org/debian bookworm main
-deb [signed-by=$keyring] http://deb.debian.org/debian bookworm-updates main
-deb [signed-by=$keyring] http://deb.debian.org/debian-security bookworm-security main
-EOF
+# The machine's own archive and mirror (scripts/apt-sources.sh), not one named here.
+bash "$(dirname "$0")/apt-sources.sh" > "$cache/apt/etc/apt/sources.list"
 export APT_CONFIG=$cache/apt/apt.conf
 
 # The mirror has been seen serving a truncated armhf security index; without it the
@@ -178,6 +176,8 @@ done
 ln -sfn /usr/lib/qt5/bin/qmake "$tmp/usr/lib/arm-linux-gnueabihf/qt5/bin/qmake"
 # dash's maintainer script, which is not run here, makes /bin/sh.
 [ -e "$tmp/bin/sh" ] || ln -s dash "$tmp/bin/sh"
+# Mount points for a VM that boots into the sysroot (scripts/test-armvm.sh).
+mkdir -p "$tmp"/{dev,proc,sys,run,tmp}
 
 install_shim "$tmp"
 echo "$stamp_text" > "$tmp/.camera-sysroot"

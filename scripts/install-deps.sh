@@ -10,6 +10,7 @@ packages=(
   libopenh264-dev libyuv-dev libjpeg62-turbo-dev libx265-dev
   linux-libc-dev
   ffmpeg
+  libdrm-dev
 )
 
 missing=()

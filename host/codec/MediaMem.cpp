@@ -1,45 +1,24 @@
 #include "Codec/MediaMem.h"
 
-#include <fcntl.h>
-#include <linux/dma-heap.h>
-#include <linux/udmabuf.h>
-#include <sys/ioctl.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
+#include <vector>
 
+#include "DmaBufSources.h"
 #include "Logger.h"
-#include "UniqueFd.h"
 
 namespace Codec {
 
 // What alloc attached to a buffer: the descriptor and the CPU mapping.
 struct MemoryBlock {
-    int fd = -1;
-    void* map = MAP_FAILED;
-    size_t mapLength = 0;
-
-    ~MemoryBlock()
-    {
-        if (map != MAP_FAILED)
-            munmap(map, mapLength);
-        if (fd >= 0)
-            ::close(fd);
-    }
+    MappedDmaBuf memory;
 };
 
 namespace {
-
-enum class Source { DmaHeap, Udmabuf, Memfd };
-const char* const kSourceNames[] = {"dma-heap", "udmabuf", "memfd"};
-
-const char* const kHeapPaths[] = {"/dev/dma_heap/system", "/dev/dma_heap/linux,cma",
-                                  "/dev/dma_heap/reserved"};
 
 size_t pageRound(size_t bytes)
 {
@@ -47,69 +26,13 @@ size_t pageRound(size_t bytes)
     return (bytes + page - 1) / page * page;
 }
 
-int heapAlloc(size_t bytes)
+DmaBufChooser& chooser()
 {
-    for (const char* path : kHeapPaths) {
-        UniqueFd heap(::open(path, O_RDWR | O_CLOEXEC));
-        if (heap.get() < 0)
-            continue;
-        dma_heap_allocation_data request{};
-        request.len = bytes;
-        request.fd_flags = O_RDWR | O_CLOEXEC;
-        if (ioctl(heap.get(), DMA_HEAP_IOCTL_ALLOC, &request) == 0)
-            return int(request.fd);
-    }
-    return -1;
-}
-
-int memfdAlloc(size_t bytes, bool sealed)
-{
-    UniqueFd memfd(memfd_create("camera-buffer", MFD_CLOEXEC | (sealed ? MFD_ALLOW_SEALING : 0)));
-    if (memfd.get() < 0 || ftruncate(memfd.get(), off_t(bytes)) != 0)
-        return -1;
-    // udmabuf insists that the memory cannot shrink under the device.
-    if (sealed && fcntl(memfd.get(), F_ADD_SEALS, F_SEAL_SHRINK) != 0)
-        return -1;
-    return memfd.release();
-}
-
-int udmabufAlloc(size_t bytes)
-{
-    UniqueFd dev(::open("/dev/udmabuf", O_RDWR | O_CLOEXEC));
-    if (dev.get() < 0)
-        return -1;
-    UniqueFd memfd(memfdAlloc(bytes, true));
-    if (memfd.get() < 0)
-        return -1;
-    udmabuf_create request{};
-    request.memfd = uint32_t(memfd.get());
-    request.flags = UDMABUF_FLAGS_CLOEXEC;
-    request.offset = 0;
-    request.size = bytes;
-    return ioctl(dev.get(), UDMABUF_CREATE, &request);
-}
-
-int allocFrom(Source source, size_t bytes)
-{
-    switch (source) {
-    case Source::DmaHeap: return heapAlloc(bytes);
-    case Source::Udmabuf: return udmabufAlloc(bytes);
-    case Source::Memfd: return memfdAlloc(bytes, false);
-    }
-    return -1;
-}
-
-// The first source that ever worked is tried first from then on; the others stay as a
-// fallback for the rare allocation a heap refuses.
-std::atomic<int> g_preferred{-1};
-
-void announce(Source source)
-{
-    static std::once_flag once;
-    std::call_once(once, [source] {
+    static DmaBufChooser instance(allocateFrom, [](DmaBufSource source) {
         Logger::logger_printf(2, "%s:%d INFO: DMA-BUF capture memory from %s\n", "MediaMem", __LINE__,
-                              kSourceNames[int(source)]);
+                              dmaBufSourceName(source));
     });
+    return instance;
 }
 
 } // namespace
@@ -127,39 +50,27 @@ int MediaMem::alloc(MediaBuffer* buffer, int bytes)
     auto block = std::make_unique<MemoryBlock>();
 
     if (m_type == MEDIA_BUFFER_TYPE_DMA) {
-        const Source order[] = {Source::DmaHeap, Source::Udmabuf, Source::Memfd};
-        const int preferred = g_preferred.load();
-        if (preferred >= 0)
-            block->fd = allocFrom(Source(preferred), mapLength);
-        for (Source source : order) {
-            if (block->fd >= 0)
-                break;
-            if (int(source) == preferred)
-                continue;
-            block->fd = allocFrom(source, mapLength);
-            if (block->fd >= 0) {
-                g_preferred.store(int(source));
-                announce(source);
-            }
+        // MEDIAMEM_SOURCE names the one source to use (dma-heap, udmabuf, drm, memfd).
+        const char* forced = std::getenv("MEDIAMEM_SOURCE");
+        bool known = false;
+        const std::vector<DmaBufSource> order = sourceOrder(forced, &known);
+        if (!known) {
+            Logger::logger_printf(0, "%s:%d ERROR: MEDIAMEM_SOURCE=%s names no memory source\n", __func__,
+                                  __LINE__, forced);
+            return -1;
         }
+        block->memory = chooser().allocate(order, mapLength, nullptr);
     } else {
-        block->fd = memfdAlloc(mapLength, false);
+        block->memory = allocateFrom(DmaBufSource::Memfd, mapLength);
     }
-    if (block->fd < 0) {
+    if (!block->memory.valid()) {
         Logger::logger_printf(0, "%s:%d ERROR: MediaMem alloc of %d bytes failed: %s\n", __func__, __LINE__,
                               bytes, strerror(errno));
         return -1;
     }
-    block->map = mmap(nullptr, mapLength, PROT_READ | PROT_WRITE, MAP_SHARED, block->fd, 0);
-    if (block->map == MAP_FAILED) {
-        Logger::logger_printf(0, "%s:%d ERROR: MediaMem mmap of %d bytes failed: %s\n", __func__, __LINE__,
-                              bytes, strerror(errno));
-        return -1;
-    }
-    block->mapLength = mapLength;
 
-    buffer->data = block->map;
-    buffer->fd = block->fd;
+    buffer->data = block->memory.map;
+    buffer->fd = block->memory.fd.get();
     buffer->size = uint32_t(bytes);
     buffer->block = block.release();
     return 0;
@@ -178,8 +89,8 @@ void MediaMem::free(MediaBuffer* buffer)
 
 const char* MediaMem::dmaSourceName()
 {
-    const int preferred = g_preferred.load();
-    return preferred >= 0 ? kSourceNames[preferred] : "none yet";
+    const int current = chooser().current();
+    return current >= 0 ? dmaBufSourceName(DmaBufSource(current)) : "none yet";
 }
 
 } // namespace Codec

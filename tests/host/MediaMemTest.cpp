@@ -33,7 +33,7 @@ TEST(MediaMem, DmaMemoryIsMappedAndSharedThroughItsDescriptor)
     munmap(other, size_t(bytes));
 
     const std::string source = Codec::MediaMem::dmaSourceName();
-    EXPECT_TRUE(source == "dma-heap" || source == "udmabuf" || source == "memfd") << source;
+    EXPECT_TRUE(source == "dma-heap" || source == "udmabuf" || source == "drm" || source == "memfd") << source;
     Codec::MediaMem::free(&frame);
     EXPECT_EQ(frame.fd, -1);
     EXPECT_EQ(frame.data, nullptr);

@@ -1,7 +1,9 @@
 #pragma once
 // The codec library's allocator. Memory of type MEDIA_BUFFER_TYPE_DMA is a DMA-BUF: from a
 // DMA heap when the kernel has one, else from udmabuf (a memfd wrapped by the kernel), else
-// a plain memfd (shareable and mappable, but only importable by drivers that take any fd).
+// a DRM dumb buffer exported with PRIME (stock kernels without either: vgem, a board's
+// display), else a plain memfd (mappable, but only importable by drivers that take any fd).
+// MEDIAMEM_SOURCE=dma-heap|udmabuf|drm|memfd in the environment allows that source only.
 
 #include "Codec/MediaBuffer.h"
 
@@ -20,7 +22,7 @@ public:
 
     MediaBufferType type() const { return m_type; }
 
-    // Which DMA-BUF source this process uses ("dma-heap", "udmabuf" or "memfd").
+    // Which DMA-BUF source this process uses ("dma-heap", "udmabuf", "drm" or "memfd").
     static const char* dmaSourceName();
 
 private:
