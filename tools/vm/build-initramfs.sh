@@ -5,21 +5,29 @@
 # lib/modules/VER/). Makes a small initramfs: busybox-static, guest-init.sh as /init, and
 # the modules the VM tests load, with every dependency, resolved by the host's kmod
 # against KERNEL_DIR and stored uncompressed (busybox's modprobe may lack xz/zstd).
-# Does nothing when OUT is newer than its inputs.
+# Does nothing when OUT is newer than its inputs. VM_ARCH=armhf with BUSYBOX (the armhf
+# busybox-static binary) makes the armhf VM's: the same init, the ARM board's transports.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 kdir=$(realpath "${1:?usage: $0 KERNEL_DIR OUT.cpio.gz}")
 out=$(realpath -m "${2:?usage: $0 KERNEL_DIR OUT.cpio.gz}")
 
 if [ -f "$out" ] && [ "$out" -nt "$here/guest-init.sh" ] && [ "$out" -nt "$0" ] \
-   && [ "$out" -nt "$kdir/.package" ]; then
+   && [ "$out" -nt "$kdir/.package" ] && [ "$out" -nt "$busybox" ]; then
   exit 0
 fi
 
-# The 9p root share, then everything the scenarios load: vivid (virtual capture),
-# dummy_hcd + gadgetfs (a user-space USB device on a virtual bus) and uvcvideo.
-# udmabuf and the DMA heaps are built into 6.12 and absent from 6.1: skipped either way.
-mods=(virtio_pci 9pnet_virtio 9p overlay vivid udmabuf dummy_hcd gadgetfs uvcvideo)
+# The 9p root share, then everything the scenarios load: vivid (virtual capture), vgem
+# (DRM dumb buffers), dummy_hcd + gadgetfs (a user-space USB device on a virtual bus) and
+# uvcvideo. udmabuf and the DMA heaps are built into 6.12 amd64 and absent from 6.1 and
+# the armmp kernels: skipped either way.
+busybox=${BUSYBOX:-/bin/busybox}
+if [ "${VM_ARCH:-amd64}" = armhf ]; then
+  transport=virtio_mmio  # the virt board's 9p device sits on virtio-mmio
+else
+  transport=virtio_pci
+fi
+mods=($transport 9pnet_virtio 9p overlay vivid vgem udmabuf dummy_hcd gadgetfs uvcvideo)
 
 ver=$(ls "$kdir/lib/modules" | head -n1)
 [ -n "$ver" ] || { echo "build-initramfs: no lib/modules/VER under $kdir" >&2; exit 1; }
@@ -28,7 +36,7 @@ ver=$(ls "$kdir/lib/modules" | head -n1)
 stage=$(mktemp -d)
 trap 'rm -rf "$stage"' EXIT
 mkdir -p "$stage"/{bin,dev,proc,sys,tmp,lib/modules/$ver}
-cp /bin/busybox "$stage/bin/busybox"
+cp "$busybox" "$stage/bin/busybox"
 install -m 755 "$here/guest-init.sh" "$stage/init"
 
 declare -A seen=()

@@ -15,11 +15,16 @@
 #   --kvm|--tcg  accelerator; default TCG. KVM only when asked for (or VM_ACCEL=kvm):
 #                a probe boot decides whether it works on a machine (see test-vm.sh).
 #   --shell      interactive shell instead of COMMAND
+#   --arch armhf the 32-bit ARM VM instead (qemu-system-arm -M virt, Debian's armmp kernel
+#                from scripts/install-vm.sh --armhf, TCG only): its root is the armhf
+#                sysroot ($ARMHF_SYSROOT, default the one of scripts/install-armhf.sh)
+#   -v DIR       a host directory shared read-only at the same path (repeatable; on
+#                amd64 the whole machine is shared already)
 # On stderr: "VM_TIMING boot S" (QEMU start to the command) and "VM_TIMING total S".
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 cache=${VM_CACHE:-${CAMERA_CACHE_DIR:-/var/cache/camera-build}/vm}
-kernel_arg=${VM_KERNEL:-6.12} cpus=1 mem=1024 tmo=300 outdir= extra= shell=
+kernel_arg=${VM_KERNEL:-6.12} cpus=1 mem=1024 tmo=300 outdir= extra= shell= arch=amd64 shares=()
 accel=${VM_ACCEL:-tcg}
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -32,39 +37,78 @@ while [ $# -gt 0 ]; do
     --kvm) accel=kvm; shift ;;
     --tcg) accel=tcg; shift ;;
     --shell) shell=1; shift ;;
+    --arch) arch=$2; shift 2 ;;
+    -v) shares+=("$(realpath "$2")"); shift 2 ;;
     --) shift; break ;;
     -*) echo "vm-run: unknown option $1" >&2; exit 2 ;;
     *) break ;;
   esac
 done
 
-if [ -d "$kernel_arg" ]; then kdir=$(realpath "$kernel_arg"); else kdir=$cache/kernel-$kernel_arg; fi
+case $arch in
+  amd64) qemu_bin=qemu-system-x86_64 kprefix=kernel- console=ttyS0 rootdir=/
+         # The kernel keeps 2048 bytes of command line on x86.
+         cmdline_max=2000 ;;
+  armhf) qemu_bin=qemu-system-arm kprefix=kernel-armhf- console=ttyAMA0 accel=tcg
+         rootdir=${ARMHF_SYSROOT:-${CAMERA_CACHE_DIR:-/var/cache/camera-build}/armhf/sysroot}
+         # 32-bit ARM keeps 1024 bytes.
+         cmdline_max=1000 ;;
+  *) echo "vm-run: unknown architecture $arch (amd64 or armhf)" >&2; exit 2 ;;
+esac
+if [ -d "$kernel_arg" ]; then kdir=$(realpath "$kernel_arg"); else kdir=$cache/$kprefix$kernel_arg; fi
 vmlinuz=$(ls "$kdir"/boot/vmlinuz-* 2>/dev/null | head -n1)
 [ -f "$vmlinuz" ] || { echo "vm-run: no kernel in $kdir (run scripts/install-vm.sh)" >&2; exit 126; }
-command -v qemu-system-x86_64 >/dev/null || { echo "vm-run: qemu-system-x86_64 missing" >&2; exit 126; }
+command -v $qemu_bin >/dev/null || { echo "vm-run: $qemu_bin missing" >&2; exit 126; }
+[ -d "$rootdir/dev" ] || { echo "vm-run: no root tree at $rootdir (scripts/install-armhf.sh)" >&2; exit 126; }
 initrd=$kdir.initramfs.gz
-"$here/build-initramfs.sh" "$kdir" "$initrd" >&2 || exit 126
+if [ "$arch" = armhf ]; then
+  VM_ARCH=armhf BUSYBOX=$cache/busybox-armhf/bin/busybox "$here/build-initramfs.sh" "$kdir" "$initrd" >&2 || exit 126
+else
+  "$here/build-initramfs.sh" "$kdir" "$initrd" >&2 || exit 126
+fi
 
 b64() { printf '%s' "$1" | base64 -w0; }
-append="console=ttyS0 panic=-1 quiet rdinit=/init vmcwd=$(b64 "$PWD")"
+append="console=$console panic=-1 quiet rdinit=/init vmcwd=$(b64 "$PWD")"
 [ -n "$shell" ] && append+=" vmshell=1"
 [ $# -gt 0 ] && append+=" vmcmd=$(b64 "$*")"
 [ -n "$outdir" ] && append+=" vmout=$(b64 "$outdir")"
+# The sysroot's /etc/ld.so.preload names the qemu-user shim, which has no place here.
+[ "$arch" = armhf ] && append+=" vmnopreload=1"
 [ -n "$extra" ] && append+=" $extra"
-# The kernel keeps 2048 bytes of command line on x86.
-[ ${#append} -lt 2000 ] || { echo "vm-run: command line too long" >&2; exit 2; }
 
-qemu=(qemu-system-x86_64 -nodefaults -no-user-config -nographic -machine pc
-      -m "$mem" -smp "$cpus" -no-reboot
-      -kernel "$vmlinuz" -initrd "$initrd" -append "$append" -serial stdio
-      -virtfs local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap)
-if [ "$accel" = kvm ]; then
-  # Plain "-cpu host" aborts on nested hosts that refuse MSR 0x10a.
-  qemu+=(-enable-kvm -cpu "${VM_CPU:-host,-arch-capabilities}")
+# 9p: the root tree as "hostroot", each -v DIR as "s<i>", the output directory as "out".
+share9p() {  # TAG DIR READONLY
+  if [ "$arch" = armhf ]; then
+    qemu+=(-fsdev "local,id=$1,path=$2,security_model=none,multidevs=remap${3:+,readonly=on}"
+           -device "virtio-9p-device,fsdev=$1,mount_tag=$1")
+  else
+    qemu+=(-virtfs "local,path=$2,mount_tag=$1,security_model=none,multidevs=remap${3:+,readonly=on}")
+  fi
+}
+if [ "$arch" = armhf ]; then
+  # highmem=off: the armmp (non-LPAE) kernel cannot reach the board's PCI window above 4 GiB.
+  qemu=(qemu-system-arm -nodefaults -no-user-config -nographic -machine virt,highmem=off
+        -m "$mem" -smp "$cpus" -no-reboot -cpu "${VM_CPU:-cortex-a15}" -accel tcg,thread=multi)
 else
-  qemu+=(-accel tcg,thread=multi -cpu "${VM_CPU:-max}")
+  qemu=(qemu-system-x86_64 -nodefaults -no-user-config -nographic -machine pc
+        -m "$mem" -smp "$cpus" -no-reboot)
+  if [ "$accel" = kvm ]; then
+    # Plain "-cpu host" aborts on nested hosts that refuse MSR 0x10a.
+    qemu+=(-enable-kvm -cpu "${VM_CPU:-host,-arch-capabilities}")
+  else
+    qemu+=(-accel tcg,thread=multi -cpu "${VM_CPU:-max}")
+  fi
 fi
-[ -n "$outdir" ] && qemu+=(-virtfs "local,path=$outdir,mount_tag=out,security_model=none")
+share9p hostroot "$rootdir" ro
+i=0
+for d in "${shares[@]}"; do
+  share9p "s$i" "$d" ro
+  append+=" vmshare=s$i:$(b64 "$d")"
+  i=$((i + 1))
+done
+[ -n "$outdir" ] && share9p out "$outdir"
+[ ${#append} -lt $cmdline_max ] || { echo "vm-run: command line too long" >&2; exit 2; }
+qemu+=(-kernel "$vmlinuz" -initrd "$initrd" -append "$append" -serial stdio)
 
 [ -n "$shell" ] && exec "${qemu[@]}"
 
@@ -74,7 +118,7 @@ rc=124
 while IFS= read -r line; do
   line=${line%$'\r'}
   case "$line" in
-    *VM_CMD_START*) echo "VM_TIMING boot $(since)s ($accel, $cpus vCPU, ${line#*VM_CMD_START })" >&2 ;;
+    *VM_CMD_START*) echo "VM_TIMING boot $(since)s ($arch $accel, $cpus vCPU, ${line#*VM_CMD_START })" >&2 ;;
     *VM_EXIT_CODE=*) rc=${line##*VM_EXIT_CODE=} ;;
   esac
   printf '%s\n' "$line"
