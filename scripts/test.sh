@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds, and runs every test: the suite three times (plainly,
 # under AddressSanitizer + UndefinedBehaviorSanitizer, under ThreadSanitizer), the
-# scenarios against real kernel drivers in a QEMU VM, and the armhf cross build's suite
-# under qemu-user. Exits non-zero on any failure or sanitizer report. Build trees: build/,
-# build-asan/, build-tsan/, build-armhf/ (under BUILD_ROOT, default the checkout).
+# scenarios against real kernel drivers in a QEMU VM, the armhf cross build's suite
+# under qemu-user, and the armhf build on a real ARM kernel in a VM. Exits non-zero on any
+# failure or sanitizer report. Build trees: build/, build-asan/, build-tsan/, build-armhf/,
+# build-armhf-t64/ (under BUILD_ROOT, default the checkout).
 # Downloads (kernels, armhf packages) are cached in CAMERA_CACHE_DIR
 # (default /var/cache/camera-build).
 set -euo pipefail
@@ -48,3 +49,4 @@ stage "tests (TSan)" run_suite "$root/build-tsan"
 # The VM boots from this machine, so a VM that cannot boot is a failure here, not a skip.
 stage "VM tests (real kernel drivers)" env VM_REQUIRED=1 bash scripts/test-vm.sh
 stage "armhf (cross build, tests under qemu-user)" env BUILD_DIR="$root/build-armhf" bash scripts/test-armhf.sh
+stage "armhf VM (real 32-bit ARM kernel, both time layouts)" env VM_REQUIRED=1 BUILD_ROOT="$root" bash scripts/test-armvm.sh

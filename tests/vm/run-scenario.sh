@@ -1,16 +1,22 @@
 #!/usr/bin/env bash
-# run-scenario.sh --build DIR [--cpus N] [--append S] [--timeout SEC] NAME [ARGS...]
+# run-scenario.sh --build DIR [--arch armhf] [--tag T] [--env K=V]... [--cpus N] [--append S]
+#                 [--timeout SEC] NAME [ARGS...]
 #
 # One VM test as CTest runs it: boots the VM (tools/vm/vm-run.sh), runs guest/NAME.sh inside with
 # the build tree, then decodes on this machine every recording the guest listed in
-# decode.list. Results, recordings and logs stay in DIR/tests/vm/artifacts/NAME[-ARG].
+# decode.list. Results, recordings and logs stay in DIR/tests/vm/artifacts/NAME[-ARG] (or
+# DIR/tests/vm/artifacts/T). --arch armhf runs DIR's ARM build in the armhf VM, its
+# sysroot as root; --env passes variables to the guest script.
 # Exit: 0 passed, 1 failed, 77 skipped (the reason is printed and kept in summary.txt).
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 vm_run=$(cd "$here/../../tools/vm" && pwd)/vm-run.sh
-build= cpus=1 append= tmo=300
+build= cpus=1 append= tmo=300 arch=amd64 tag= envs=
 while [ $# -gt 0 ]; do
   case "$1" in
+    --arch) arch=$2; shift 2 ;;
+    --tag) tag=$2; shift 2 ;;
+    --env) envs+=" $2"; shift 2 ;;
     --build) build=$(realpath "$2"); shift 2 ;;
     --cpus) cpus=$2; shift 2 ;;
     --append) append=$2; shift 2 ;;
@@ -20,7 +26,7 @@ while [ $# -gt 0 ]; do
 done
 name=${1:?usage: $0 --build DIR [options] NAME [ARGS]}
 shift
-tag=$name${1:+-$1}
+tag=${tag:-$name${1:+-$1}}
 art=$build/tests/vm/artifacts/$tag
 rm -rf "$art"
 mkdir -p "$art"
@@ -34,15 +40,22 @@ summary() {  # STATUS REASON
 skipped() { summary skipped "$1"; echo "SKIPPED: $1"; exit 77; }
 
 cache=${VM_CACHE:-${CAMERA_CACHE_DIR:-/var/cache/camera-build}/vm}
-command -v qemu-system-x86_64 >/dev/null || skipped "qemu-system-x86_64 is not installed (scripts/install-vm.sh)"
-ls "$cache/kernel-${VM_KERNEL:-6.12}"/boot/vmlinuz-* >/dev/null 2>&1 \
-  || skipped "no ${VM_KERNEL:-6.12} kernel in $cache (scripts/install-vm.sh)"
+if [ "$arch" = armhf ]; then
+  qemu_bin=qemu-system-arm kernel=kernel-armhf-${VM_KERNEL:-6.12} install="scripts/install-vm.sh --armhf"
+else
+  qemu_bin=qemu-system-x86_64 kernel=kernel-${VM_KERNEL:-6.12} install=scripts/install-vm.sh
+fi
+command -v $qemu_bin >/dev/null || skipped "$qemu_bin is not installed ($install)"
+ls "$cache/$kernel"/boot/vmlinuz-* >/dev/null 2>&1 || skipped "no $kernel in $cache ($install)"
 command -v ffprobe >/dev/null || skipped "ffprobe is not installed"
 [ -x "$build/bin/camcap" ] || skipped "$build/bin/camcap is not built"
 
 # The guest runs as root with the host's tree read-only; OUT is the only way back.
-cmd="SCENARIO=$tag BUILD_DIR=$build OUT=$art bash $here/guest/$name.sh $*"
-(cd "$here" && "$vm_run" -c "$cpus" -t "$tmo" -o "$art" ${append:+--append "$append"} -- "$cmd") \
+cmd="SCENARIO=$tag BUILD_DIR=$build OUT=$art$envs bash $here/guest/$name.sh $*"
+vm_args=(-c "$cpus" -t "$tmo" -o "$art")
+# The ARM VM's root is the sysroot: the checkout (guest scripts) and build tree come as shares.
+[ "$arch" = armhf ] && vm_args+=(--arch armhf -v "$(cd "$here/../.." && pwd)" -v "$build")
+(cd "$here" && "$vm_run" "${vm_args[@]}" ${append:+--append "$append"} -- "$cmd") \
   > "$art/vm.log" 2> "$art/vm-timing.log"
 guest=$?
 boot=$(sed -n 's/^VM_TIMING boot \([0-9.]*\)s.*/\1/p' "$art/vm-timing.log")

@@ -1,11 +1,12 @@
 #!/bin/bash
 # vivid (the kernel's virtual capture driver) recorded through camcap: the element
-# imports DMA-BUF capture buffers from the allocator under test (ALLOC: heap or udmabuf)
-# and encodes the raw pictures to H.264. Each recording must decode frame for frame, with
-# as many frames as its duration at vivid's frame rate (within 10 %).
-#   vivid-record.sh heap|udmabuf
+# imports DMA-BUF capture buffers from the allocator under test (ALLOC: heap, udmabuf or
+# drm: vgem's dumb buffers, what stock kernels without either offer) and encodes the raw
+# pictures to H.264. Each recording must decode frame for frame, with as many frames as
+# its duration at vivid's frame rate (within 10 %). VM_VIVID_CASES: FORMAT:SIZE:FPS list.
+#   vivid-record.sh heap|udmabuf|drm
 . "$(dirname "$0")/lib.sh"
-alloc=${1:?heap or udmabuf}
+alloc=${1:?heap, udmabuf or drm}
 duration=${VM_RECORD_SECONDS:-8}
 
 modprobe vivid n_devs=1 || { fail "vivid loads"; finish; }
@@ -18,6 +19,10 @@ case $alloc in
     # The element takes the first source that works: hide the heaps (root ignores modes).
     mount -t tmpfs tmpfs /dev/dma_heap 2>/dev/null
     test -c /dev/udmabuf || { skip "udmabuf recordings" "this kernel has no /dev/udmabuf"; finish; } ;;
+  drm)
+    want=drm
+    modprobe vgem || { skip "DRM dumb-buffer recordings" "this kernel has no vgem"; finish; }
+    export MEDIAMEM_SOURCE=drm ;;
   *) fail "allocator '$alloc' known"; finish ;;
 esac
 need_camcap "vivid recordings" --duration --format --size --output || finish
@@ -41,7 +46,7 @@ fi
 skip "vivid YUYV recordings" "the element prefers NV12, which vivid always offers; YUYV is recorded from the USB camera"
 
 # Rates the emulated CPU encodes without falling behind, with room for a busy host.
-for case in nv12:640x480:15 nv12:1280x720:5; do
+for case in ${VM_VIVID_CASES:-nv12:640x480:15 nv12:1280x720:5}; do
   IFS=: read -r fmt size fps <<< "$case"
   w=${size%x*} h=${size#*x}
   name=vivid-$alloc-$fmt-$size

@@ -1,0 +1,73 @@
+#!/usr/bin/env bash
+# The armhf build on a real 32-bit ARM kernel: Debian's armmp 6.12 kernel boots under
+# qemu-system-arm (-M virt, TCG) with the armhf sysroot as its root and the build tree
+# shared read-only, and CTest's `armvm` scenarios (tests/vm) run there against the real
+# vivid and uvcvideo drivers, capture memory from vgem's DRM dumb buffers. Twice: the
+# build of scripts/test-armhf.sh (32-bit time_t) and a second build with
+# -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64 (the 80-byte struct v4l2_buffer of newer armhf
+# userlands), since only a real kernel tells whether the ioctl layouts match.
+# Prints each stage's and scenario's time. Exits non-zero when a scenario fails or the
+# VM cannot boot (VM_REQUIRED=0 makes the latter a skip).
+# Build trees: build-armhf/ and build-armhf-t64/ (under BUILD_ROOT, default the checkout).
+# Downloads: CAMERA_CACHE_DIR (default /var/cache/camera-build).
+set -uo pipefail
+cd "$(dirname "$0")/.."
+root=${BUILD_ROOT:-$PWD}
+jobs=${JOBS:-$(nproc)}
+start=$SECONDS
+export CAMERA_CACHE_DIR=${CAMERA_CACHE_DIR:-/var/cache/camera-build}
+export ARMHF_SYSROOT=${ARMHF_SYSROOT:-$CAMERA_CACHE_DIR/armhf/sysroot}
+
+stage() {
+  local name=$1 t=$SECONDS rc
+  shift
+  echo "=== $name"
+  "$@"
+  rc=$?
+  echo "=== $name: $((SECONDS - t)) s$([ "$rc" = 0 ] || echo " (exit $rc)")"
+  return $rc
+}
+no_vm() {
+  echo "armhf VM tests skipped: $1"
+  [ "${VM_REQUIRED:-1}" = 1 ] && exit 1
+  exit 0
+}
+
+# As scripts/test-armhf.sh configures, plus the time layout; only what the VM runs is built.
+build_tree() {  # DIR [EXTRA C FLAGS]
+  cmake -S . -B "$1" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_C_FLAGS_RELEASE="-O2 -DNDEBUG" -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" \
+    -DCMAKE_C_FLAGS="${2:-}" -DCMAKE_CXX_FLAGS="${2:-}" \
+    -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchain-armhf.cmake" -DARMHF_SYSROOT="$ARMHF_SYSROOT" >/dev/null &&
+    cmake --build "$1" -j "$jobs" --target camcap V4LCameraCapturePlugin uvc-gadget-camera vm-play-probe
+}
+probe() {
+  local log
+  log=$(tools/vm/vm-run.sh --arch armhf -t 120 -- 'test -x /bin/bash' 2>&1 >/dev/null) \
+    || { echo "$log" | tail -3; return 1; }
+  echo "$log" | grep VM_TIMING
+}
+scenarios() {  # DIR
+  ctest --test-dir "$1" -L armvm --no-tests=error --output-on-failure --timeout 300
+}
+
+stage "install (armhf sysroot)" bash scripts/install-armhf.sh >/dev/null || no_vm "scripts/install-armhf.sh failed"
+stage "install (qemu-system-arm, armmp kernel)" bash scripts/install-vm.sh --armhf || no_vm "scripts/install-vm.sh --armhf failed"
+stage "build (32-bit time_t)" build_tree "$root/build-armhf" || exit 1
+stage "build (64-bit time_t)" build_tree "$root/build-armhf-t64" "-D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64" || exit 1
+stage "probe boot (armhf, TCG)" probe || no_vm "qemu-system-arm could not boot the armmp kernel"
+
+rc=0
+stage "armhf VM scenarios (32-bit time_t)" scenarios "$root/build-armhf" || rc=1
+stage "armhf VM scenarios (64-bit time_t)" scenarios "$root/build-armhf-t64" || rc=1
+
+echo "=== armhf VM scenario times (boot = QEMU start to the scenario's first command)"
+printf '%-30s %-8s %8s %7s  %s\n' scenario result seconds boot details
+for s in "$root"/build-armhf/tests/vm/artifacts/armvm.*/summary.txt \
+         "$root"/build-armhf-t64/tests/vm/artifacts/armvm.*/summary.txt; do
+  [ -f "$s" ] || continue
+  read -r result secs boot details < "$s"
+  printf '%-30s %-8s %8s %7s  %s\n' "$(basename "$(dirname "$s")")" "$result" "$secs" "${boot#boot=}" "$details"
+done
+echo "=== armhf VM stage total: $((SECONDS - start)) s"
+exit $rc
