@@ -36,8 +36,7 @@ no_vm() {
 # As scripts/test-armhf.sh configures, plus the time layout; only what the VM runs is built.
 build_tree() {  # DIR [EXTRA C FLAGS]
   cmake -S . -B "$1" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_C_FLAGS_RELEASE="-O2 -DNDEBUG" -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" \
-    -DCMAKE_C_FLAGS="${2:-}" -DCMAKE_CXX_FLAGS="${2:-}" \
+    -DCMAKE_C_FLAGS_RELEASE="-O2 -DNDEBUG${2:+ $2}" -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG${2:+ $2}" \
     -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchain-armhf.cmake" -DARMHF_SYSROOT="$ARMHF_SYSROOT" >/dev/null &&
     cmake --build "$1" -j "$jobs" --target camcap V4LCameraCapturePlugin uvc-gadget-camera vm-play-probe
 }

@@ -102,37 +102,11 @@ UniqueFd udmabufAlloc(size_t bytes)
     return UniqueFd(xioctl(dev.get(), UDMABUF_CREATE, &request));
 }
 
-// The first /dev/dri/card* whose driver has dumb buffers (vgem, or a board's display).
-UniqueFd openDumbCard()
-{
-    int error = ENOENT;
-    for (int i = 0; i < kDrmCards; ++i) {
-        char path[32];
-        std::snprintf(path, sizeof path, "/dev/dri/card%d", i);
-        UniqueFd card(::open(path, O_RDWR | O_CLOEXEC));
-        if (!card) {
-            if (errno != ENOENT)
-                error = errno;
-            continue;
-        }
-        drm_get_cap cap{};
-        cap.capability = DRM_CAP_DUMB_BUFFER;
-        if (xioctl(card.get(), DRM_IOCTL_GET_CAP, &cap) == 0 && cap.value)
-            return card;
-        error = ENODEV;
-    }
-    failWith(error);
-    return UniqueFd();
-}
-
 // A dumb buffer exported as DMA-BUF (PRIME) and mapped through the card. The handle is
 // dropped once both exist: the export and the mapping keep the buffer alive.
-MappedDmaBuf drmAlloc(size_t bytes)
+MappedDmaBuf drmAllocOn(const UniqueFd& card, size_t bytes)
 {
     MappedDmaBuf buf;
-    UniqueFd card = openDumbCard();
-    if (!card)
-        return buf;
     // Rows of 4 KiB: a width every display driver takes, with no pitch padding.
     drm_mode_create_dumb create{};
     create.bpp = 32;
@@ -172,6 +146,29 @@ MappedDmaBuf drmAlloc(size_t bytes)
     buf.fd = std::move(exported);
     buf.length = bytes;
     return buf;
+}
+
+// The first /dev/dri/card* that makes one: vgem, or a board's display driver. (vgem has
+// dumb buffers but, having no modesetting, answers no DRM_CAP_DUMB_BUFFER query.)
+MappedDmaBuf drmAlloc(size_t bytes)
+{
+    int error = ENOENT;
+    for (int i = 0; i < kDrmCards; ++i) {
+        char path[32];
+        std::snprintf(path, sizeof path, "/dev/dri/card%d", i);
+        UniqueFd card(::open(path, O_RDWR | O_CLOEXEC));
+        if (!card) {
+            if (errno != ENOENT)
+                error = errno;
+            continue;
+        }
+        MappedDmaBuf buf = drmAllocOn(card, bytes);
+        if (buf.valid())
+            return buf;
+        error = errno;
+    }
+    failWith(error);
+    return MappedDmaBuf();
 }
 
 } // namespace

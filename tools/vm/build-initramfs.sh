@@ -11,6 +11,7 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 kdir=$(realpath "${1:?usage: $0 KERNEL_DIR OUT.cpio.gz}")
 out=$(realpath -m "${2:?usage: $0 KERNEL_DIR OUT.cpio.gz}")
+busybox=${BUSYBOX:-/bin/busybox}
 
 if [ -f "$out" ] && [ "$out" -nt "$here/guest-init.sh" ] && [ "$out" -nt "$0" ] \
    && [ "$out" -nt "$kdir/.package" ] && [ "$out" -nt "$busybox" ]; then
@@ -21,7 +22,6 @@ fi
 # (DRM dumb buffers), dummy_hcd + gadgetfs (a user-space USB device on a virtual bus) and
 # uvcvideo. udmabuf and the DMA heaps are built into 6.12 amd64 and absent from 6.1 and
 # the armmp kernels: skipped either way.
-busybox=${BUSYBOX:-/bin/busybox}
 if [ "${VM_ARCH:-amd64}" = armhf ]; then
   transport=virtio_mmio  # the virt board's 9p device sits on virtio-mmio
 else
