@@ -140,7 +140,8 @@ MappedDmaBuf drmAllocOn(const UniqueFd& card, size_t bytes)
     mapReq.handle = create.handle;
     if (xioctl(card.get(), DRM_IOCTL_MODE_MAP_DUMB, &mapReq) != 0)
         return buf;
-    buf.map = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, card.get(), off_t(mapReq.offset));
+    // The fake offset is 64 bits wide; a 32-bit off_t would cut it.
+    buf.map = mmap64(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, card.get(), off64_t(mapReq.offset));
     if (buf.map == MAP_FAILED)
         return buf;
     buf.fd = std::move(exported);
