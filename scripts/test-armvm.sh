@@ -42,7 +42,7 @@ build_tree() {  # DIR [EXTRA C FLAGS]
 }
 probe() {
   local log
-  log=$(tools/vm/vm-run.sh --arch armhf -t 120 -- 'test -x /bin/bash' 2>&1 >/dev/null) \
+  log=$(tools/vm/vm-run.sh --arch armhf -t 120 -v "$PWD" -- 'test -x /bin/bash' 2>&1 >/dev/null) \
     || { echo "$log" | tail -3; return 1; }
   echo "$log" | grep VM_TIMING
 }
