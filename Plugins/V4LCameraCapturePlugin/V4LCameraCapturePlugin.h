@@ -85,7 +85,7 @@ public:
     int v4l2_stream_off();
     int v4l2_get_one_frame2();
     int v4l2_get_one_frame(MediaFrame* frame);
-    Q_INVOKABLE int v4l2_h264_force_idr();
+    int v4l2_h264_force_idr();
 
     // Data path.
     void video_frame();

@@ -93,6 +93,11 @@ public:
     void releaseQueue(const void* owner);
     bool queueClaimedByOther(const void* owner) const;
 
+    // V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME: the next coded frame any stream of the node
+    // produces starts a new GOP.
+    void requestKeyFrame() { keyFrameRequested_ = true; }
+    bool takeKeyFrameRequest() { return keyFrameRequested_.exchange(false); }
+
     void countGoodDequeue();
     // Counts a produced frame; true when this one is to carry no payload.
     bool nextFrameEmpty();
@@ -109,6 +114,7 @@ private:
     Interval timePerFrame_;
     std::optional<Interval> forcedTimePerFrame_;
     const void* queueOwner_ = nullptr;
+    std::atomic<bool> keyFrameRequested_{false};
 };
 
 } // namespace simcam

@@ -118,6 +118,23 @@ public:
                 uint32_t(number(v.substr(x + 1), 1, 16384))};
     }
 
+    // "WxH-WxH" (continuous) or "WxH-WxH:SWxSH" (stepwise).
+    StepwiseSize sizeRange(std::string_view v) const
+    {
+        const size_t dash = v.find('-');
+        const size_t colon = v.find(':');
+        const auto [minW, minH] = sizeValue(v.substr(0, dash));
+        const auto [maxW, maxH] = sizeValue(v.substr(dash + 1, colon == std::string_view::npos ? colon : colon - dash - 1));
+        const auto [stepW, stepH] =
+            colon == std::string_view::npos ? std::pair<uint32_t, uint32_t>{1, 1} : sizeValue(v.substr(colon + 1));
+        if (minW > maxW || minH > maxH)
+            fail("size range '" + std::string(v) + "' runs backwards");
+        StepwiseSize r;
+        r.minWidth = minW, r.maxWidth = maxW, r.stepWidth = stepW;
+        r.minHeight = minH, r.maxHeight = maxH, r.stepHeight = stepH;
+        return r;
+    }
+
 private:
     std::string_view text_;
 };
@@ -304,13 +321,28 @@ const std::map<std::string, Setting>& settings()
              });
          }}},
         {"size", {true, [](Model&, Scope& s, std::string_view v, const Item& item) {
+             if (v.find('-') != std::string_view::npos) {
+                 const StepwiseSize range = item.sizeRange(v);
+                 forCaptureNodes(s, [&](Node& n) {
+                     for (Format& f : n.formats) {
+                         StepwiseSize r = range;
+                         r.intervals = f.stepwise ? f.stepwise->intervals
+                                       : f.sizes.empty() ? std::vector<Interval>{{1, 30}}
+                                                         : f.sizes.front().intervals;
+                         f.sizes.clear();
+                         f.stepwise = r;
+                     }
+                 });
+                 return;
+             }
              std::vector<std::pair<uint32_t, uint32_t>> sizes;
              for (std::string_view part : split(v, '/'))
                  sizes.push_back(item.sizeValue(part));
              forCaptureNodes(s, [&](Node& n) {
                  for (Format& f : n.formats) {
-                     std::vector<Interval> intervals =
-                         f.sizes.empty() ? std::vector<Interval>{{1, 30}} : f.sizes.front().intervals;
+                     std::vector<Interval> intervals = f.stepwise ? f.stepwise->intervals
+                                                       : f.sizes.empty() ? std::vector<Interval>{{1, 30}}
+                                                                         : f.sizes.front().intervals;
                      f.sizes.clear();
                      f.stepwise.reset();
                      for (auto [w, h] : sizes)
@@ -382,6 +414,10 @@ const std::map<std::string, Setting>& settings()
          })},
         {"streamon", fault([](Faults& f, std::string_view v, const Item& i) { f.streamonErrno = i.errnoValue(v); })},
         {"stall", fault([](Faults& f, std::string_view, const Item&) { f.stall = true; }, false)},
+        {"stallafter", fault([](Faults& f, std::string_view v, const Item& i) {
+             f.stall = true;
+             f.stallAfter = int(i.number(v, 0, 1 << 30));
+         })},
         {"empty", fault([](Faults& f, std::string_view v, const Item& i) { f.emptyEvery = int(i.number(v, 1, 1 << 30)); })},
         {"dqbuf", fault([](Faults& f, std::string_view v, const Item& i) {
              std::tie(f.dqbufErrno, f.dqbufAfter) = i.errnoWithCount(v, '@', 0);

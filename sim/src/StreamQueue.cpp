@@ -238,7 +238,6 @@ int StreamQueue::streamOn()
     streaming_ = true;
     stop_ = false;
     wake_ = false;
-    forceKey_ = false;
     sequence_ = 0;
     contentIndex_ = 0;
     streamFormat_ = format;
@@ -268,12 +267,6 @@ int StreamQueue::streamOff()
     syncReadinessLocked();
     cv_.notify_all();
     return 0;
-}
-
-void StreamQueue::forceKeyFrame()
-{
-    std::lock_guard lock(m_);
-    forceKey_ = true;
 }
 
 void StreamQueue::poke()
@@ -404,8 +397,8 @@ void StreamQueue::produceLocked(std::unique_lock<std::mutex>& lock)
     const bool empty = node_->nextFrameEmpty();
     const uint32_t extraBytes = node_->faults().bytesusedExtra;
     const std::vector<std::vector<uint8_t>>& scripted = node_->config.scriptedFrames;
-    if (forceKey_ && !empty) {
-        forceKey_ = false;
+    // The control is the camera's, so a request from any descriptor counts.
+    if (!empty && node_->takeKeyFrameRequest()) {
         for (int guard = 0; guard < 100000 && !isKeyFrame(contentIndex_); ++guard)
             ++contentIndex_;
     }
@@ -465,7 +458,7 @@ void StreamQueue::evaluateLocked()
     const bool wasPending = errorPending_;
     errorPending_ = error != 0;
     error_ = error;
-    stalled_ = node.faults.stall;
+    stalled_ = node.faults.stall && node.goodDequeues >= uint64_t(node.faults.stallAfter);
     syncReadinessLocked();
     if (errorPending_ && !wasPending)
         cv_.notify_all();

@@ -36,8 +36,6 @@ public:
     int streamOn();
     int streamOff();
 
-    // The next coded frame starts a new GOP.
-    void forceKeyFrame();
     void poke();
     void shutdown(bool wake);
     void addGauges(Stats& stats) const;
@@ -89,7 +87,6 @@ private:
     bool waitingForBuffers_ = true;
     bool signalled_ = false;
     bool fdUsable_ = true; // false once the descriptor is closing
-    bool forceKey_ = false;
     uint32_t sequence_ = 0;
     uint64_t contentIndex_ = 0;
     PixFormat streamFormat_;

@@ -166,7 +166,8 @@ int VideoHandle::enumFrameSizes(v4l2_frmsizeenum& e) const
     if (f->stepwise) {
         if (e.index != 0)
             return EINVAL;
-        e.type = V4L2_FRMSIZE_TYPE_STEPWISE;
+        const bool continuous = f->stepwise->stepWidth == 1 && f->stepwise->stepHeight == 1;
+        e.type = continuous ? V4L2_FRMSIZE_TYPE_CONTINUOUS : V4L2_FRMSIZE_TYPE_STEPWISE;
         e.stepwise = {f->stepwise->minWidth,  f->stepwise->maxWidth,  f->stepwise->stepWidth,
                       f->stepwise->minHeight, f->stepwise->maxHeight, f->stepwise->stepHeight};
         return 0;
@@ -270,7 +271,7 @@ int VideoHandle::setControl(const v4l2_control& c)
 {
     if (c.id != V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME || !keyFrameControl())
         return EINVAL;
-    stream_.forceKeyFrame();
+    node_->requestKeyFrame();
     return 0;
 }
 

@@ -76,12 +76,19 @@ const TextCase kTexts[] = {
          EXPECT_EQ(std::make_pair(faults0(m).dqbufErrno, faults0(m).dqbufAfter), std::make_pair(ENODEV, 4));
          EXPECT_EQ(faults0(m).openErrno, EACCES);
      }},
+    {"mjpeg,size=160x120-1920x1080:16x8,stallafter=7", nullptr, [](const Model& m) {
+         const StepwiseSize r = node0(m).formats.at(0).stepwise.value();
+         EXPECT_EQ(std::make_tuple(r.minWidth, r.maxHeight, r.stepWidth, r.stepHeight),
+                   std::make_tuple(160u, 1080u, 16u, 8u));
+         EXPECT_TRUE(faults0(m).stall && faults0(m).stallAfter == 7);
+     }},
     {"others=null/tty0", nullptr, [](const Model& m) {
          EXPECT_EQ(m.otherDevNames, (std::vector<std::string>{"null", "tty0"}));
      }},
     {"bogus", "unknown setting 'bogus'", {}},
     {"h264,mjpeg", "only come first", {}},
     {"size=640", "not WxH", {}},
+    {"size=640x480-320x240", "runs backwards", {}},
     {"open=EWHAT", "unknown errno", {}},
     {"stall=1", "takes no value", {}},
     {"open", "needs a value", {}},

@@ -32,7 +32,8 @@ struct FrameSize {
     std::vector<Interval> intervals; // enumeration order; the first is the default
 };
 
-// A continuous size range (VIDIOC_ENUM_FRAMESIZES reports V4L2_FRMSIZE_TYPE_STEPWISE).
+// A size range: VIDIOC_ENUM_FRAMESIZES reports V4L2_FRMSIZE_TYPE_STEPWISE, or
+// V4L2_FRMSIZE_TYPE_CONTINUOUS when both steps are 1.
 struct StepwiseSize {
     uint32_t minWidth = 0, maxWidth = 0, stepWidth = 1;
     uint32_t minHeight = 0, maxHeight = 0, stepHeight = 1;
@@ -65,7 +66,8 @@ struct Faults {
     int streamQbufErrno = 0; // VIDIOC_QBUF while streaming fails ...
     int streamQbufAfter = 0; // ... after this many frames went round (dequeued, queued again)
     int streamonErrno = 0;  // VIDIOC_STREAMON fails
-    bool stall = false;     // streaming, but no frame is ever ready
+    bool stall = false;     // streaming, but no frame is ever ready ...
+    int stallAfter = 0;     // ... once this many frames were dequeued
     int emptyEvery = 0;     // every Nth frame has bytesused 0 (1: every frame)
     int dqbufErrno = 0;     // VIDIOC_DQBUF fails (ENODEV: the camera unplugs then) ...
     int dqbufAfter = 0;     // ... once this many frames were dequeued
