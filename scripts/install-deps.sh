@@ -11,6 +11,7 @@ packages=(
   linux-libc-dev
   ffmpeg
   libdrm-dev
+  libavformat-dev
 )
 
 missing=()

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "ElementLog.h"
+#include "FrameRanges.h"
 
 namespace {
 
@@ -206,32 +207,38 @@ QList<MediaFormat> V4LCameraCapturePlugin::listCameraFormat(int fd)
         size.pixel_format = fmt.pixelformat;
         size.type = V4L2_FRMSIZE_TYPE_DISCRETE;
         for (; ioctl(fd, VIDIOC_ENUM_FRAMESIZES, &size) == 0; ++size.index) {
-            // Stepwise and continuous sizes are read through the discrete view: their
-            // first two words are the minimum width and height.
-            const int width = int(size.discrete.width);
-            const int height = int(size.discrete.height);
+            std::vector<RangeSize> sizes{{size.discrete.width, size.discrete.height}};
+            if (size.type == V4L2_FRMSIZE_TYPE_STEPWISE || size.type == V4L2_FRMSIZE_TYPE_CONTINUOUS) {
+                const v4l2_frmsize_stepwise& r = size.stepwise;
+                sizes = pickableSizes({r.min_width, r.max_width, r.step_width, r.min_height, r.max_height,
+                                       r.step_height});
+            }
+            for (const RangeSize& picked : sizes) {
+                const int width = int(picked.width);
+                const int height = int(picked.height);
 
-            v4l2_frmivalenum interval;
-            std::memset(&interval, 0, sizeof interval);
-            interval.pixel_format = fmt.pixelformat;
-            interval.width = uint32_t(width);
-            interval.height = uint32_t(height);
-            interval.type = V4L2_FRMIVAL_TYPE_DISCRETE;
-            QList<QPair<int, int>> intervals;
-            for (; ioctl(fd, VIDIOC_ENUM_FRAMEINTERVALS, &interval) == 0; ++interval.index)
-                intervals.append({int(interval.discrete.numerator), int(interval.discrete.denominator)});
-            QByteArray text;
-            for (const auto& pair : intervals)
-                text += "[" + QByteArray::number(pair.first) + "/" + QByteArray::number(pair.second) + "]";
-            ELEMENT_LOG(4, "%s:%d DEBUG:     size:%dx%d %s\n", width, height, text.constData());
+                v4l2_frmivalenum interval;
+                std::memset(&interval, 0, sizeof interval);
+                interval.pixel_format = fmt.pixelformat;
+                interval.width = uint32_t(width);
+                interval.height = uint32_t(height);
+                interval.type = V4L2_FRMIVAL_TYPE_DISCRETE;
+                QList<QPair<int, int>> intervals;
+                for (; ioctl(fd, VIDIOC_ENUM_FRAMEINTERVALS, &interval) == 0; ++interval.index)
+                    intervals.append({int(interval.discrete.numerator), int(interval.discrete.denominator)});
+                QByteArray text;
+                for (const auto& pair : intervals)
+                    text += "[" + QByteArray::number(pair.first) + "/" + QByteArray::number(pair.second) + "]";
+                ELEMENT_LOG(4, "%s:%d DEBUG:     size:%dx%d %s\n", width, height, text.constData());
 
-            const int codec = codecTypeOf(fmt.pixelformat);
-            if (codec != CODEC_TYPE_NONE) {
-                MediaFormat entry;
-                entry.codecType = codec;
-                entry.width = width;
-                entry.height = height;
-                formats.append(entry);
+                const int codec = codecTypeOf(fmt.pixelformat);
+                if (codec != CODEC_TYPE_NONE) {
+                    MediaFormat entry;
+                    entry.codecType = codec;
+                    entry.width = width;
+                    entry.height = height;
+                    formats.append(entry);
+                }
             }
         }
     }

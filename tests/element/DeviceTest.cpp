@@ -184,19 +184,46 @@ TEST_F(Device, IgnoredFormatsOnlyAndBadDescriptorsGiveEmptyLists)
     EXPECT_TRUE(element->listCameraFormat(-1).isEmpty());
 }
 
-TEST_F(Device, StepwiseSizesReadAsTheirFirstTwoWords)
+struct RangeCase {
+    simcam::StepwiseSize range;
+    std::vector<std::pair<int, int>> sizes;
+};
+
+class SizeRange : public Device, public testing::WithParamInterface<RangeCase> {};
+
+TEST_P(SizeRange, ListsTheSizesAUserWouldPick)
 {
     simcam::Format yuyv;
     yuyv.fourcc = kYUYV;
-    yuyv.stepwise = simcam::StepwiseSize{160, 1280, 16, 120, 720, 8, {{1, 30}}};
+    yuyv.stepwise = GetParam().range;
+    yuyv.stepwise->intervals = {{1, 30}};
     useCamera(camera({yuyv}));
     int fd = -1;
     ASSERT_EQ(element->v4l2_dev_open(&fd), 0);
     const auto list = entries(element->listCameraFormat(fd));
     ::close(fd);
-    ASSERT_FALSE(list.empty());
-    EXPECT_EQ(list[0], std::make_tuple(11, 160, 1280));
+    std::vector<std::pair<int, int>> sizes;
+    for (const auto& [codec, w, h] : list)
+        sizes.emplace_back(w, h);
+    EXPECT_EQ(sizes, GetParam().sizes);
+    EXPECT_TRUE(log.contains("size:640x480 [1/30]", 4) ==
+                (std::find(sizes.begin(), sizes.end(), std::make_pair(640, 480)) != sizes.end()));
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Ranges, SizeRange,
+    testing::Values(
+        // Stepwise: the common sizes on the step between the ends.
+        RangeCase{{160, 1280, 16, 120, 720, 8, {}},
+                  {{160, 120}, {176, 144}, {320, 240}, {352, 288}, {640, 360}, {640, 480}, {800, 600},
+                   {1024, 768}, {1280, 720}}},
+        // A coarse step leaves most out, and the largest is the one the step reaches.
+        RangeCase{{160, 1920, 320, 120, 1080, 240, {}}, {{160, 120}, {800, 600}, {1760, 1080}}},
+        // Continuous: every common size inside.
+        RangeCase{{100, 700, 1, 100, 500, 1, {}},
+                  {{100, 100}, {160, 120}, {176, 144}, {320, 240}, {352, 288}, {640, 360}, {640, 480},
+                   {700, 500}}},
+        RangeCase{{640, 640, 1, 480, 480, 1, {}}, {{640, 480}}}));
 
 struct GuardCase {
     int width, height;

@@ -5,6 +5,8 @@
 
 namespace {
 
+const QStringList kContainers = {QStringLiteral("mp4"), QStringLiteral("mkv"), QStringLiteral("raw")};
+
 const QStringList kFormats = {QStringLiteral("h264"), QStringLiteral("mjpeg"), QStringLiteral("hevc"),
                               QStringLiteral("yuyv"), QStringLiteral("nv12")};
 
@@ -38,10 +40,17 @@ QString usageText()
         "  --size WxH           capture size (default: the camera's first for the format)\n"
         "  --duration SECONDS   record this long\n"
         "  --frames N           record this many frames\n"
-        "  --output FILE        write the stream as delivered (Annex B or concatenated JPEG);\n"
-        "                       '-' for standard output\n"
+        "  --output FILE        .mp4 or .mkv: a container with each frame's arrival time;\n"
+        "                       anything else, or '-' for standard output: the stream as\n"
+        "                       delivered (Annex B or concatenated JPEG)\n"
+        "  --container C        mp4 | mkv | raw, whatever the extension\n"
+        "  --segment SECONDS    a new file at the first key frame after each interval; FILE\n"
+        "                       holds %d (index) or a strftime pattern, else -NNN is added\n"
+        "  --stall-timeout S    stop (exit 8) when no frame came for S seconds (default 5;\n"
+        "                       0: wait for ever)\n"
+        "  --json               print the format list and the summary as one JSON object\n"
         "  --simulate [MODEL]   run against the simulated camera (model text, default 'h264')\n"
-        "  --force-idr N        ask an H.264 camera for a key frame every N frames\n"
+        "  --force-idr N        ask the camera for a key frame every N frames\n"
         "  --no-progress        no live progress line\n"
         "  -v, --verbose        show the element's INFO and DEBUG lines\n"
         "  -h, --help           this text\n\n"
@@ -115,6 +124,27 @@ std::optional<Options> parseOptions(const QStringList& args, QString* error)
                 *error = QStringLiteral("bad key-frame interval '%1'").arg(value);
                 return std::nullopt;
             }
+        } else if (name == QLatin1String("--stall-timeout") || name == QLatin1String("--segment")) {
+            if (!takeValue(args, &i, &value, error))
+                return std::nullopt;
+            bool ok = false;
+            const double seconds = value.toDouble(&ok);
+            const bool segment = name == QLatin1String("--segment");
+            if (!ok || seconds < 0 || (segment && seconds == 0)) {
+                *error = QStringLiteral("bad %1 '%2'").arg(segment ? "segment length" : "stall timeout", value);
+                return std::nullopt;
+            }
+            (segment ? o.segmentSeconds : o.stallTimeout) = seconds;
+        } else if (name == QLatin1String("--container")) {
+            if (!takeValue(args, &i, &value, error))
+                return std::nullopt;
+            if (!kContainers.contains(value.toLower())) {
+                *error = QStringLiteral("unknown container '%1' (mp4, mkv, raw)").arg(value);
+                return std::nullopt;
+            }
+            o.container = value.toLower();
+        } else if (name == QLatin1String("--json")) {
+            o.json = true;
         } else if (name == QLatin1String("--no-progress")) {
             o.progress = false;
         } else if (name == QLatin1String("-v") || name == QLatin1String("--verbose")) {
@@ -126,5 +156,18 @@ std::optional<Options> parseOptions(const QStringList& args, QString* error)
     }
     if (o.simulate && o.simulateModel.isEmpty())
         o.simulateModel = o.format;
+    if (o.container.isEmpty()) {
+        const QString ext = o.output.section(QLatin1Char('.'), -1).toLower();
+        o.container = o.output.contains(QLatin1Char('.')) && kContainers.contains(ext) ? ext : QStringLiteral("raw");
+    }
+    const bool toStdout = o.output == QLatin1String("-");
+    if (toStdout && (o.container != QLatin1String("raw") || o.segmentSeconds > 0 || o.json)) {
+        *error = QStringLiteral("standard output takes only the raw stream, without --segment or --json");
+        return std::nullopt;
+    }
+    if (o.output.isEmpty() && (o.segmentSeconds > 0 || o.container != QLatin1String("raw"))) {
+        *error = QStringLiteral("--segment and --container need --output");
+        return std::nullopt;
+    }
     return o;
 }

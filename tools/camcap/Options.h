@@ -30,9 +30,13 @@ struct Options {
     int forceIdrEvery = 0;  // frames between forced key frames (compressed cameras)
     int verbosity = 1;      // logger threshold
     bool progress = true;
+    double stallTimeout = 5;  // seconds without a frame before giving up; 0: never
+    QString container;        // "raw", "mp4" or "mkv"; chosen from the output's extension
+    double segmentSeconds = 0;  // 0: one file
+    bool json = false;          // format list and summary as one JSON object on stdout
 };
 
-// Parses argv; on a usage error prints why and returns nothing. `--simulate` takes an
+// Parses argv; on a usage error sets `error` to one line and returns nothing. `--simulate` takes an
 // optional model (the next argument when it does not start with '-').
 std::optional<Options> parseOptions(const QStringList& arguments, QString* error);
 QString usageText();

@@ -1,22 +1,33 @@
 #pragma once
-// The consuming end of the element's output pin: takes every delivered frame, writes it
-// to the output as is, and gives the frame back to the pool.
+// The consuming end of the element's output pin: takes every delivered frame, stamps it with
+// the time it arrived, hands it to the sink and gives the pin frame back to the pool.
 
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
+#include <functional>
 #include <thread>
+#include <vector>
 
+#include "FrameSink.h"
 #include "MediaPin.h"
 
 class Recorder {
 public:
-    // `out` may be null (frames are counted, not written); `frameLimit` 0 means no limit.
-    Recorder(MediaOutputPin* pin, FILE* out, long long frameLimit);
+    // Called on the recorder's thread.
+    struct Events {
+        std::function<void()> firstFrame;
+        std::function<void()> done;  // frame limit reached or writing failed
+        std::function<void()> keyFrameDue;
+        long long keyFrameEvery = 0;
+    };
+
+    // `sink` may be null (frames are counted, not written); `frameLimit` 0 means no limit.
+    Recorder(MediaOutputPin* pin, FrameSink* sink, int codec, long long frameLimit, Events events);
     ~Recorder();
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
 
+    // Joins the thread and writes what is still held; the sink is then the caller's again.
     void stop();
 
     long long frames() const { return m_frames.load(); }
@@ -24,17 +35,31 @@ public:
     bool limitReached() const { return m_frameLimit > 0 && frames() >= m_frameLimit; }
     bool writeFailed() const { return m_writeFailed.load(); }
     PinStats pinStats() const { return m_pin->stats(); }
+    // Steady-clock microseconds of the first and latest frame; -1 before the first.
+    int64_t firstFrameUs() const { return m_firstUs.load(); }
+    int64_t lastFrameUs() const { return m_lastUs.load(); }
+
+    static int64_t nowUs();
 
 private:
     void run();
+    void take(const uint8_t* data, size_t size, int64_t timeUs);
+    void emit(const uint8_t* data, size_t size, int64_t timeUs);
 
     MediaOutputPin* m_pin;
     MediaInputPin m_input;
-    FILE* m_out;
+    FrameSink* m_sink;
+    const int m_codec;
     const long long m_frameLimit;
+    Events m_events;
+    // An HEVC access unit may reach the pin in pieces; it is held until the next begins.
+    std::vector<uint8_t> m_held;
+    int64_t m_heldUs = -1;
     std::atomic<bool> m_stop{false};
     std::atomic<long long> m_frames{0};
     std::atomic<uint64_t> m_bytes{0};
     std::atomic<bool> m_writeFailed{false};
+    std::atomic<int64_t> m_firstUs{-1};
+    std::atomic<int64_t> m_lastUs{-1};
     std::thread m_thread;
 };

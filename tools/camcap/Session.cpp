@@ -1,41 +1,58 @@
 #include "Session.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <QCoreApplication>
-#include <QDateTime>
 #include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QMetaObject>
-#include <QTimer>
+#include <QSocketNotifier>
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 
+#include "CameraNode.h"
+#include "FrameSink.h"
 #include "IMediaElement.h"
 #include "Logger.h"
 #include "MediaPin.h"
 #include "Recorder.h"
+#include "SegmentWriter.h"
 
 namespace {
 
-volatile std::sig_atomic_t g_interrupted = 0;
-void onSignal(int) { g_interrupted = 1; }
+// SIGINT and SIGTERM reach the event loop through a pipe.
+int g_signalPipe[2] = {-1, -1};
+void onSignal(int)
+{
+    const char byte = 1;
+    [[maybe_unused]] ssize_t n = ::write(g_signalPipe[1], &byte, 1);
+}
 
 struct CodecName {
     int codec;
     const char* name;
+    uint32_t fourcc;
 };
-const CodecName kCodecNames[] = {{CODEC_TYPE_H264, "h264"}, {CODEC_TYPE_HEVC, "hevc"},
-                                 {CODEC_TYPE_MJPEG, "mjpeg"}, {CODEC_TYPE_YUYV, "yuyv"},
-                                 {CODEC_TYPE_NV12, "nv12"}};
+const CodecName kCodecNames[] = {{CODEC_TYPE_H264, "h264", 0x34363248}, {CODEC_TYPE_HEVC, "hevc", 0x43564548},
+                                 {CODEC_TYPE_MJPEG, "mjpeg", 0x47504a4d}, {CODEC_TYPE_YUYV, "yuyv", 0x56595559},
+                                 {CODEC_TYPE_NV12, "nv12", 0x3231564e}};
 
-QString codecName(int codec)
+const CodecName* codecEntry(int codec)
 {
     for (const CodecName& c : kCodecNames)
         if (c.codec == codec)
-            return QString::fromLatin1(c.name);
-    return QString::number(codec);
+            return &c;
+    return nullptr;
+}
+
+QString codecName(int codec)
+{
+    const CodecName* c = codecEntry(codec);
+    return c ? QString::fromLatin1(c->name) : QString::number(codec);
 }
 
 int codecOf(const QString& name)
@@ -61,10 +78,20 @@ const int kNegotiationOrder[] = {CODEC_TYPE_H264, CODEC_TYPE_NV12, CODEC_TYPE_YU
 
 Session::Session(IMediaElement* element, const Options& options) : m_element(element), m_options(options) {}
 
-Session::~Session()
+Session::~Session() = default;
+
+QJsonArray Session::formatList(const QList<MediaFormat>& formats) const
 {
-    if (m_ownsOut && m_out)
-        std::fclose(m_out);
+    QJsonArray list;
+    for (const MediaFormat& f : formats) {
+        const CodecName* c = codecEntry(f.codecType);
+        const QStringList rates = c ? m_node->frameRates(c->fourcc, f.width, f.height) : QStringList();
+        list.append(QJsonObject{{QStringLiteral("codec"), codecName(f.codecType)},
+                                {QStringLiteral("width"), f.width},
+                                {QStringLiteral("height"), f.height},
+                                {QStringLiteral("fps"), QJsonArray::fromStringList(rates)}});
+    }
+    return list;
 }
 
 int Session::listFormats(const QList<MediaFormat>& formats)
@@ -73,9 +100,20 @@ int Session::listFormats(const QList<MediaFormat>& formats)
         std::fprintf(stderr, "camcap: no camera found\n");
         return EXIT_NO_CAMERA;
     }
-    std::printf("%-6s %6s %6s\n", "codec", "width", "height");
-    for (const MediaFormat& f : formats)
-        std::printf("%-6s %6d %6d\n", qPrintable(codecName(f.codecType)), f.width, f.height);
+    if (m_options.json) {
+        std::printf("%s", QJsonDocument(QJsonObject{{QStringLiteral("formats"), m_formats}}).toJson().constData());
+        return EXIT_OK;
+    }
+    std::printf("%-6s %6s %6s  %s\n", "codec", "width", "height", "fps");
+    for (const QJsonValue& v : m_formats) {
+        const QJsonObject f = v.toObject();
+        QStringList rates;
+        for (const QJsonValue& r : f.value(QStringLiteral("fps")).toArray())
+            rates << r.toString();
+        std::printf("%-6s %6d %6d  %s\n", qPrintable(f.value(QStringLiteral("codec")).toString()),
+                    f.value(QStringLiteral("width")).toInt(), f.value(QStringLiteral("height")).toInt(),
+                    qPrintable(rates.join(QStringLiteral(", "))));
+    }
     return EXIT_OK;
 }
 
@@ -97,7 +135,7 @@ int Session::chooseFormat(const QList<MediaFormat>& formats)
     }
     const int w = m_options.width, h = m_options.height;
     if (wanted == CODEC_TYPE_MJPEG || wanted == CODEC_TYPE_HEVC) {
-        m_codec = wanted;
+        m_codec = m_deliveredCodec = wanted;
         m_delivered = m_options.format;
         if (!offers(formats, wanted, w, h))
             std::fprintf(stderr, "camcap: note: the camera does not list %s at %dx%d\n",
@@ -112,10 +150,10 @@ int Session::chooseFormat(const QList<MediaFormat>& formats)
     }
     for (int codec : kNegotiationOrder) {
         if (offers(formats, codec, w, h)) {
-            m_delivered = codec == CODEC_TYPE_MJPEG ? QStringLiteral("mjpeg")
-                                                    : codec == CODEC_TYPE_H264
-                                                          ? QStringLiteral("h264")
-                                                          : QStringLiteral("h264 (encoded from %1)").arg(codecName(codec));
+            m_deliveredCodec = codec == CODEC_TYPE_MJPEG ? CODEC_TYPE_MJPEG : CODEC_TYPE_H264;
+            m_delivered = codec == CODEC_TYPE_MJPEG || codec == CODEC_TYPE_H264
+                              ? codecName(codec)
+                              : QStringLiteral("h264 (encoded from %1)").arg(codecName(codec));
             if (codec != wanted && wanted != CODEC_TYPE_H264)
                 std::fprintf(stderr, "camcap: note: the camera also offers %s at %dx%d, which the element prefers\n",
                              qPrintable(codecName(codec)), w, h);
@@ -145,16 +183,23 @@ int Session::openOutput()
 {
     if (m_options.output.isEmpty())
         return EXIT_OK;
-    if (m_options.output == QLatin1String("-")) {
-        m_out = stdout;
-        return EXIT_OK;
-    }
-    m_out = std::fopen(QFile::encodeName(m_options.output).constData(), "wb");
-    if (!m_out) {
-        std::fprintf(stderr, "camcap: cannot write %s: %s\n", qPrintable(m_options.output), strerror(errno));
+    const StreamInfo info{m_options.container, m_deliveredCodec, m_options.width, m_options.height};
+    if (m_deliveredCodec == CODEC_TYPE_MJPEG && info.container == QLatin1String("mp4")) {
+        std::fprintf(stderr, "camcap: the camera delivers mjpeg, which goes into mkv, not mp4\n");
         return EXIT_OUTPUT;
     }
-    m_ownsOut = true;
+    QString error;
+    if (m_options.segmentSeconds > 0) {
+        auto segments = std::make_unique<SegmentWriter>(m_options.output, m_options.segmentSeconds, info);
+        if (segments->open(&error))
+            m_sink = std::move(segments);
+    } else {
+        m_sink = openSink(m_options.output, info, &error);
+    }
+    if (!m_sink) {
+        std::fprintf(stderr, "camcap: cannot write %s: %s\n", qPrintable(m_options.output), qPrintable(error));
+        return EXIT_OUTPUT;
+    }
     return EXIT_OK;
 }
 
@@ -167,6 +212,11 @@ int Session::classifyPlayFailure() const
     return EXIT_SETUP_FAILED;
 }
 
+QString Session::outputName() const
+{
+    return m_options.output == QLatin1String("-") ? QStringLiteral("stdout") : m_options.output;
+}
+
 int Session::run()
 {
     m_element->initialize();
@@ -176,11 +226,9 @@ int Session::run()
             m_gotFrame = true;
     });
 
-    if (!m_options.listFormats) {
-        if (int code = openOutput())
-            return code;
-    }
     const QList<MediaFormat> formats = m_element->getAttribute(ATTR_CAM_FORMATLIST).value<QList<MediaFormat>>();
+    m_node = std::make_unique<CameraNode>();
+    m_formats = formatList(formats);
     if (m_options.listFormats)
         return listFormats(formats);
     if (formats.isEmpty()) {
@@ -194,9 +242,35 @@ int Session::run()
                      m_options.width, m_options.height);
         return EXIT_FORMAT_REFUSED;
     }
+    if (int code = openOutput())
+        return code;
 
-    m_recorder = std::make_unique<Recorder>(m_element->getOutputPinList().value(0), m_out, m_options.frames);
+    Recorder::Events events;
+    events.firstFrame = [this] {
+        QMetaObject::invokeMethod(&m_context, [this] {
+            if (m_options.durationSeconds > 0)
+                m_durationTimer.start(int(m_options.durationSeconds * 1000));
+        }, Qt::QueuedConnection);
+    };
+    events.done = [this] {
+        QMetaObject::invokeMethod(&m_context, [this] {
+            if (m_recorder->writeFailed()) {
+                std::fprintf(stderr, "\ncamcap: writing %s failed: %s\n", qPrintable(outputName()),
+                             qPrintable(m_sink->error()));
+                finish(EXIT_OUTPUT, QStringLiteral("write failed"));
+            } else {
+                finish(EXIT_OK, QStringLiteral("frames"));
+            }
+        }, Qt::QueuedConnection);
+    };
+    if (m_options.forceIdrEvery > 0) {
+        events.keyFrameEvery = m_options.forceIdrEvery;
+        events.keyFrameDue = [node = m_node.get()] { node->requestKeyFrame(); };
+    }
+    m_recorder = std::make_unique<Recorder>(m_element->getOutputPinList().value(0), m_sink.get(), m_deliveredCodec,
+                                            m_options.frames, std::move(events));
     m_log = std::make_unique<LogCapture>();
+    m_playUs = Recorder::nowUs();
     if (m_element->play() != 0) {
         const int code = classifyPlayFailure();
         m_recorder.reset();
@@ -207,70 +281,118 @@ int Session::run()
         return code;
     }
     std::fprintf(stderr, "camcap: recording %s %dx%d%s%s\n", qPrintable(m_delivered), m_options.width,
-                 m_options.height, m_out ? " to " : "",
-                 m_out ? qPrintable(m_options.output == QLatin1String("-") ? QStringLiteral("stdout") : m_options.output)
-                       : "");
-
-    std::signal(SIGINT, onSignal);
-    std::signal(SIGTERM, onSignal);
-    m_startMs = QDateTime::currentMSecsSinceEpoch();
-    m_nextIdrAt = m_options.forceIdrEvery;
-    QTimer timer;
-    QObject::connect(&timer, &QTimer::timeout, [this] { tick(); });
-    timer.start(50);
+                 m_options.height, m_sink ? " to " : "", m_sink ? qPrintable(outputName()) : "");
+    arm();
     return QCoreApplication::exec();
 }
 
-void Session::tick()
+void Session::arm()
 {
-    const double elapsed = (QDateTime::currentMSecsSinceEpoch() - m_startMs) / 1000.0;
-    if (m_options.forceIdrEvery > 0 && m_recorder->frames() >= m_nextIdrAt) {
-        int result = -1;
-        QMetaObject::invokeMethod(m_element, "v4l2_h264_force_idr", Qt::DirectConnection, Q_RETURN_ARG(int, result));
-        m_nextIdrAt += m_options.forceIdrEvery;
+    if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) == 0) {
+        m_signalNotifier = std::make_unique<QSocketNotifier>(g_signalPipe[0], QSocketNotifier::Read);
+        QObject::connect(m_signalNotifier.get(), &QSocketNotifier::activated, &m_context,
+                         [this] { finish(EXIT_OK, QStringLiteral("interrupted")); });
+        std::signal(SIGINT, onSignal);
+        std::signal(SIGTERM, onSignal);
     }
-    if (m_recorder->writeFailed()) {
-        std::fprintf(stderr, "\ncamcap: writing %s failed: %s\n", qPrintable(m_options.output), strerror(errno));
-        finish(EXIT_OUTPUT);
+    m_durationTimer.setSingleShot(true);
+    QObject::connect(&m_durationTimer, &QTimer::timeout, &m_context,
+                     [this] { finish(EXIT_OK, QStringLiteral("duration")); });
+    if (m_options.stallTimeout > 0) {
+        QObject::connect(&m_watchTimer, &QTimer::timeout, &m_context, [this] { watch(); });
+        m_watchTimer.start(std::min(500, int(m_options.stallTimeout * 1000)));
+    }
+    // The progress line is for a person at a terminal; nobody else is woken for it.
+    if (m_options.progress && isatty(STDERR_FILENO)) {
+        QObject::connect(&m_progressTimer, &QTimer::timeout, &m_context, [this] { printProgress(false); });
+        m_progressTimer.start(250);
+    }
+}
+
+void Session::watch()
+{
+    // An unplugged camera sends nothing more, so there is no point waiting out the timeout.
+    const bool gone = m_node->gone();
+    const int64_t last = std::max(m_recorder->lastFrameUs(), m_playUs);
+    const bool silent = Recorder::nowUs() - last >= int64_t(m_options.stallTimeout * 1e6);
+    if (!gone && !silent)
         return;
-    }
-    const bool done = g_interrupted || m_recorder->limitReached() ||
-                      (m_options.durationSeconds > 0 && elapsed >= m_options.durationSeconds);
-    if (done) {
-        finish(EXIT_OK);
-        return;
-    }
-    printProgress(false);
+    if (m_options.progress && isatty(STDERR_FILENO))
+        std::fprintf(stderr, "\n");
+    if (gone)
+        std::fprintf(stderr, "camcap: camera unplugged\n");
+    else
+        std::fprintf(stderr, "camcap: camera stopped delivering (no frame for %g s)\n", m_options.stallTimeout);
+    finish(EXIT_ELEMENT_QUIT, gone ? QStringLiteral("unplugged") : QStringLiteral("stalled"));
 }
 
 void Session::printProgress(bool final)
 {
-    if (!final && (!m_options.progress || !isatty(STDERR_FILENO)))
-        return;
-    const double elapsed = std::max(0.001, (QDateTime::currentMSecsSinceEpoch() - m_startMs) / 1000.0);
+    const int64_t first = m_recorder->firstFrameUs();
+    const double elapsed = first < 0 ? 0.0 : ((m_stopUs ? m_stopUs : Recorder::nowUs()) - first) / 1e6;
+    const double rateTime = std::max(0.001, elapsed);
     const long long frames = m_recorder->frames();
     const double bytes = double(m_recorder->bytes());
     const PinStats pin = m_recorder->pinStats();
     std::fprintf(stderr, "%s%7.1f s %7lld frames %6.1f fps %7.2f Mbit/s %9.2f MB  waits %llu  drops %llu%s",
-                 final ? "" : "\r", elapsed, frames, frames / elapsed, bytes * 8 / elapsed / 1e6, bytes / 1e6,
+                 final ? "" : "\r", elapsed, frames, frames / rateTime, bytes * 8 / rateTime / 1e6, bytes / 1e6,
                  static_cast<unsigned long long>(pin.lagging), static_cast<unsigned long long>(pin.refused),
                  final ? "\n" : "");
 }
 
-void Session::finish(int code)
+void Session::printSummary(int code)
 {
-    if (m_finished)
-        return;
-    m_finished = true;
-    m_exitCode = code;
-    m_element->stop();
-    m_recorder->stop();
-    if (m_options.progress && isatty(STDERR_FILENO))
-        std::fprintf(stderr, "\n");
     std::fprintf(stderr, "camcap: summary: %s %dx%d, ", qPrintable(m_delivered), m_options.width, m_options.height);
     printProgress(true);
     if (!m_gotFrame)
         std::fprintf(stderr, "camcap: the camera delivered no frame\n");
+    if (!m_options.json)
+        return;
+    const int64_t first = m_recorder->firstFrameUs();
+    const PinStats pin = m_recorder->pinStats();
+    const QJsonObject summary{
+        {QStringLiteral("codec"), codecName(m_deliveredCodec)},
+        {QStringLiteral("width"), m_options.width},
+        {QStringLiteral("height"), m_options.height},
+        {QStringLiteral("frames"), double(m_recorder->frames())},
+        {QStringLiteral("bytes"), double(m_recorder->bytes())},
+        {QStringLiteral("seconds"), first < 0 ? 0.0 : (m_stopUs - first) / 1e6},
+        {QStringLiteral("waits"), double(pin.lagging)},
+        {QStringLiteral("drops"), double(pin.refused)},
+        {QStringLiteral("files"), QJsonArray::fromStringList(m_files)},
+        {QStringLiteral("stop"), m_stopReason},
+        {QStringLiteral("exit"), code}};
+    std::printf("%s", QJsonDocument(QJsonObject{{QStringLiteral("formats"), m_formats},
+                                                {QStringLiteral("summary"), summary}})
+                          .toJson()
+                          .constData());
+    std::fflush(stdout);
+}
+
+void Session::finish(int code, const QString& why)
+{
+    if (m_finished)
+        return;
+    m_finished = true;
+    m_stopUs = Recorder::nowUs();
+    m_exitCode = code;
+    m_stopReason = why;
+    m_watchTimer.stop();
+    m_progressTimer.stop();
+    m_durationTimer.stop();
+    m_element->stop();
+    m_recorder->stop();
+    if (m_sink && !m_sink->finish() && code == EXIT_OK) {
+        std::fprintf(stderr, "camcap: finishing %s failed: %s\n", qPrintable(outputName()), qPrintable(m_sink->error()));
+        code = EXIT_OUTPUT;
+    }
+    if (auto* segments = dynamic_cast<SegmentWriter*>(m_sink.get()))
+        m_files = segments->files();
+    else if (m_sink)
+        m_files = QStringList{outputName()};
+    if (m_options.progress && isatty(STDERR_FILENO))
+        std::fprintf(stderr, "\n");
+    printSummary(code);
     QCoreApplication::exit(code);
 }
 
@@ -279,11 +401,12 @@ void Session::reportUnexpectedExit()
     if (m_finished || !m_recorder)
         return;
     m_finished = true;
+    m_stopUs = Recorder::nowUs();
     m_recorder->stop();
+    if (m_sink)
+        m_sink->finish();
     std::fprintf(stderr, "\ncamcap: the element ended the process: the camera stopped delivering or the "
-                         "consumer was lost (exit status 255)\ncamcap: summary: %s %dx%d, ",
-                 qPrintable(m_delivered), m_options.width, m_options.height);
-    printProgress(true);
-    if (m_out)
-        std::fflush(m_out);
+                         "consumer was lost (exit status 255)\n");
+    m_stopReason = QStringLiteral("element quit");
+    printSummary(255);
 }

@@ -2,9 +2,12 @@
 // One run of camcap: drives the element as the host does (initialize, start, format,
 // play, stop), records the pin's output and reports progress and a summary.
 
+#include <QJsonArray>
 #include <QList>
+#include <QObject>
 #include <QString>
-#include <cstdio>
+#include <QStringList>
+#include <QTimer>
 #include <memory>
 
 #include "MediaFormat.h"
@@ -13,6 +16,9 @@
 class IMediaElement;
 class Recorder;
 class LogCapture;
+class CameraNode;
+class FrameSink;
+class QSocketNotifier;
 
 class Session {
 public:
@@ -26,26 +32,39 @@ public:
     void reportUnexpectedExit();
 
 private:
+    QJsonArray formatList(const QList<MediaFormat>& formats) const;
     int listFormats(const QList<MediaFormat>& formats);
     int chooseFormat(const QList<MediaFormat>& formats);
     int applyFormat();
     int openOutput();
     int classifyPlayFailure() const;
-    void tick();
+    void arm();
+    void watch();
     void printProgress(bool final);
-    void finish(int code);
+    void printSummary(int code);
+    void finish(int code, const QString& why);
+    QString outputName() const;
 
     IMediaElement* m_element;
     Options m_options;
+    QObject m_context;  // receives what the recorder and the signal handler post
     int m_codec = -1;            // codec asked of the element
-    QString m_delivered;         // what the element will deliver, after negotiation
-    FILE* m_out = nullptr;
-    bool m_ownsOut = false;
+    int m_deliveredCodec = -1;   // what the element will deliver, after negotiation
+    QString m_delivered;
+    QJsonArray m_formats;
+    std::unique_ptr<CameraNode> m_node;
+    std::unique_ptr<FrameSink> m_sink;
+    QStringList m_files;
     std::unique_ptr<Recorder> m_recorder;
     std::unique_ptr<LogCapture> m_log;
-    qint64 m_startMs = 0;
-    long long m_nextIdrAt = 0;
+    QTimer m_watchTimer;
+    QTimer m_progressTimer;
+    QTimer m_durationTimer;
+    std::unique_ptr<QSocketNotifier> m_signalNotifier;
+    int64_t m_playUs = 0;
+    int64_t m_stopUs = 0;  // when the recording was told to end
     bool m_gotFrame = false;
+    QString m_stopReason;
     int m_exitCode = EXIT_OK;
     bool m_finished = false;
 };

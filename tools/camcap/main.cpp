@@ -43,7 +43,7 @@ int main(int argc, char** argv)
         return EXIT_OK;
     }
     if (!options) {
-        std::fprintf(stderr, "camcap: %s\n\n%s", qPrintable(error), qPrintable(usageText()));
+        std::fprintf(stderr, "camcap: %s\nTry 'camcap --help' for more information.\n", qPrintable(error));
         return EXIT_USAGE;
     }
     if (options->simulate && !enterSimulation(argc, argv, options->simulateModel, &error)) {

@@ -1,0 +1,81 @@
+#include "CameraNode.h"
+
+#include <fcntl.h>
+#include <linux/videodev2.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+#include <QDir>
+#include <QFile>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+QString rate(const v4l2_fract& interval)
+{
+    if (interval.numerator == 0)
+        return QStringLiteral("?");
+    return QString::number(double(interval.denominator) / interval.numerator, 'g', 4);
+}
+
+} // namespace
+
+QString CameraNode::elementNode()
+{
+    QString best = QStringLiteral("/dev/video0");
+    int bestNumber = -1;
+    for (const QString& name : QDir(QStringLiteral("/dev")).entryList(QDir::System | QDir::Files | QDir::NoDotAndDotDot)) {
+        if (!name.startsWith(QLatin1String("video"), Qt::CaseInsensitive))
+            continue;
+        const int number = name.mid(5).toInt();
+        if (bestNumber < 0 || number < bestNumber) {
+            bestNumber = number;
+            best = QStringLiteral("/dev/") + name;
+        }
+    }
+    return best;
+}
+
+CameraNode::CameraNode(const QString& path)
+    : m_path(path), m_fd(::open(QFile::encodeName(path).constData(), O_RDWR | O_NONBLOCK | O_CLOEXEC))
+{
+}
+
+QStringList CameraNode::frameRates(uint32_t fourcc, int width, int height) const
+{
+    QStringList rates;
+    v4l2_frmivalenum e;
+    std::memset(&e, 0, sizeof e);
+    e.pixel_format = fourcc;
+    e.width = uint32_t(width);
+    e.height = uint32_t(height);
+    for (; m_fd && ioctl(m_fd.get(), VIDIOC_ENUM_FRAMEINTERVALS, &e) == 0; ++e.index) {
+        if (e.type != V4L2_FRMIVAL_TYPE_DISCRETE) {
+            // Longest interval is the lowest rate.
+            rates << rate(e.stepwise.max) + QLatin1Char('-') + rate(e.stepwise.min);
+            break;
+        }
+        rates << rate(e.discrete);
+    }
+    return rates;
+}
+
+bool CameraNode::requestKeyFrame() const
+{
+    v4l2_control control;
+    std::memset(&control, 0, sizeof control);
+    control.id = V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME;
+    return m_fd && ioctl(m_fd.get(), VIDIOC_S_CTRL, &control) == 0;
+}
+
+bool CameraNode::gone() const
+{
+    if (m_fd) {
+        v4l2_capability cap;
+        std::memset(&cap, 0, sizeof cap);
+        return ioctl(m_fd.get(), VIDIOC_QUERYCAP, &cap) < 0 && errno == ENODEV;
+    }
+    struct stat st;
+    return ::stat(QFile::encodeName(m_path).constData(), &st) < 0 && errno == ENOENT;
+}

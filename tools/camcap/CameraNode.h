@@ -1,0 +1,30 @@
+#pragma once
+// camcap's own descriptor on the camera's capture node, beside the element's: for what the
+// element has no call for (frame rates of the listed sizes, forcing a key frame) and for
+// telling an unplugged camera from a silent one.
+
+#include <QString>
+#include <QStringList>
+#include <cstdint>
+
+#include "UniqueFd.h"
+
+class CameraNode {
+public:
+    // The node the element opens: the lowest-numbered /dev entry whose name starts "video".
+    static QString elementNode();
+
+    explicit CameraNode(const QString& path = elementNode());
+
+    // The frame rates offered at a size, e.g. {"30", "15"} or {"5-30"}.
+    QStringList frameRates(uint32_t fourcc, int width, int height) const;
+    // V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME; the control is the camera's, so it reaches the
+    // stream the element runs on its own descriptor.
+    bool requestKeyFrame() const;
+    // The device went away: our descriptor is dead or the node is no longer there.
+    bool gone() const;
+
+private:
+    QString m_path;
+    UniqueFd m_fd;
+};
