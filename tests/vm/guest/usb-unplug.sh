@@ -1,16 +1,17 @@
 #!/bin/bash
 # The camera goes away while camcap records: first a USB reset of the device
 # (USBDEVFS_RESET, uvcvideo unbinds and binds again), then the camera program is killed
-# (the device leaves the bus). Each time the element must log the failed reads, its
-# stop() at the end of the recording must return promptly, the file must hold only whole
-# frames, and once the camera is back a new recording must work.
+# (the device leaves the bus). Each time camcap must notice within its stall timeout,
+# say "camera unplugged" and exit 8, the element's stop() must return promptly, the file
+# must hold only whole frames, and once the camera is back a new recording must work.
 . "$(dirname "$0")/lib.sh"
-need_camcap "unplug while recording" --duration --format --size --output || finish
+need_camcap "unplug while recording" --duration --format --size --output --stall-timeout || finish
 
 start_usb_camera --formats yuyv,mjpeg,h264 --sizes 640x480 || { fail "USB camera enumerates"; finish; }
 pass "USB camera enumerates as $CAM_NODE on $CAM_USB"
 
 record_seconds=15
+stall_timeout=5
 
 # Every camcap line with the guest's uptime in front, to time stop().
 stamp_lines() {
@@ -31,12 +32,15 @@ wait_recording() {
 lose_camera() {
   local name=$1 fmt=$2 demuxer=$3 how=$4
   local file=$OUT/$name.out log=$OUT/$name.log
-  "$CAMCAP" -v --format "$fmt" --size 640x480 --duration "$record_seconds" --output "$file" \
+  "$CAMCAP" -v --format "$fmt" --size 640x480 --duration "$record_seconds" --stall-timeout "$stall_timeout" \
+    --output "$file" \
     > "$OUT/$name.stdout" 2> >(stamp_lines > "$log") &
   local pid=$!
   wait_recording "$log"
   say "$name: $how while camcap records ($(stat -c %s "$file") bytes so far)"
   eval "$how"
+  local lost_at ended_at
+  read -r lost_at _ < /proc/uptime
   local i
   for i in $(seq 300); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
   if kill -0 "$pid" 2>/dev/null; then
@@ -45,9 +49,12 @@ lose_camera() {
   fi
   wait "$pid"
   local status=$?
+  read -r ended_at _ < /proc/uptime
   sleep 0.5  # the stamping reader finishes the log
-  check_eq "$name: camcap ends normally at the end of its recording" 0 "$status"
-  check "$name: the element logged the failed reads" grep -qE "DQBUF failed|select failed" "$log"
+  check_eq "$name: camcap stops with exit 8" 8 "$status"
+  check "$name: camcap says the camera was unplugged" grep -qF "camera unplugged" "$log"
+  check "$name: camcap ends within the stall timeout + 2 s" \
+    awk -v a="$lost_at" -v b="$ended_at" -v s="$stall_timeout" 'BEGIN { exit !(b - a < s + 2) }'
   local stop_seconds
   stop_seconds=$(awk '/v4l2 stop begin/ { b = $1 } /v4l2 stop end/ { e = $1 }
                       END { if (b && e) printf "%.1f", e - b; else print "none" }' "$log")
