@@ -55,7 +55,7 @@ QString usageText()
         "  -v, --verbose        show the element's INFO and DEBUG lines\n"
         "  -h, --help           this text\n\n"
         "Exit codes: 0 done, 2 usage, 3 plug-in missing, 4 no camera, 5 format refused,\n"
-        "6 output not writable, 7 capture setup failed, 8 element quit (camera or consumer lost).\n");
+        "6 output not writable, 7 capture setup failed, 8 camera unplugged or stopped delivering.\n");
 }
 
 std::optional<Options> parseOptions(const QStringList& args, QString* error)

@@ -13,7 +13,7 @@ enum ExitCode {
     EXIT_FORMAT_REFUSED = 5,
     EXIT_OUTPUT = 6,
     EXIT_SETUP_FAILED = 7,
-    EXIT_ELEMENT_QUIT = 8,
+    EXIT_CAMERA_LOST = 8,
 };
 
 struct Options {

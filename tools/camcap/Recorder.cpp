@@ -25,7 +25,7 @@ void Recorder::stop()
     if (m_thread.joinable())
         m_thread.join();
     if (m_heldUs >= 0) {
-        emit(m_held.data(), m_held.size(), m_heldUs);
+        deliver(m_held.data(), m_held.size(), m_heldUs);
         m_heldUs = -1;
     }
 }
@@ -52,7 +52,7 @@ void Recorder::run()
 void Recorder::take(const uint8_t* data, size_t size, int64_t timeUs)
 {
     if (m_codec != CODEC_TYPE_HEVC) {
-        emit(data, size, timeUs);
+        deliver(data, size, timeUs);
         return;
     }
     if (m_heldUs >= 0 && !annexb::startsWithStartCode(data, size)) {
@@ -60,12 +60,12 @@ void Recorder::take(const uint8_t* data, size_t size, int64_t timeUs)
         return;
     }
     if (m_heldUs >= 0)
-        emit(m_held.data(), m_held.size(), m_heldUs);
+        deliver(m_held.data(), m_held.size(), m_heldUs);
     m_held.assign(data, data + size);
     m_heldUs = timeUs;
 }
 
-void Recorder::emit(const uint8_t* data, size_t size, int64_t timeUs)
+void Recorder::deliver(const uint8_t* data, size_t size, int64_t timeUs)
 {
     if (limitReached() || m_writeFailed)
         return;

@@ -44,7 +44,7 @@ public:
 private:
     void run();
     void take(const uint8_t* data, size_t size, int64_t timeUs);
-    void emit(const uint8_t* data, size_t size, int64_t timeUs);
+    void deliver(const uint8_t* data, size_t size, int64_t timeUs);
 
     MediaOutputPin* m_pin;
     MediaInputPin m_input;

@@ -184,10 +184,6 @@ int Session::openOutput()
     if (m_options.output.isEmpty())
         return EXIT_OK;
     const StreamInfo info{m_options.container, m_deliveredCodec, m_options.width, m_options.height};
-    if (m_deliveredCodec == CODEC_TYPE_MJPEG && info.container == QLatin1String("mp4")) {
-        std::fprintf(stderr, "camcap: the camera delivers mjpeg, which goes into mkv, not mp4\n");
-        return EXIT_OUTPUT;
-    }
     QString error;
     if (m_options.segmentSeconds > 0) {
         auto segments = std::make_unique<SegmentWriter>(m_options.output, m_options.segmentSeconds, info);
@@ -296,6 +292,7 @@ void Session::arm()
         std::signal(SIGTERM, onSignal);
     }
     m_durationTimer.setSingleShot(true);
+    m_durationTimer.setTimerType(Qt::PreciseTimer);
     QObject::connect(&m_durationTimer, &QTimer::timeout, &m_context,
                      [this] { finish(EXIT_OK, QStringLiteral("duration")); });
     if (m_options.stallTimeout > 0) {
@@ -323,7 +320,7 @@ void Session::watch()
         std::fprintf(stderr, "camcap: camera unplugged\n");
     else
         std::fprintf(stderr, "camcap: camera stopped delivering (no frame for %g s)\n", m_options.stallTimeout);
-    finish(EXIT_ELEMENT_QUIT, gone ? QStringLiteral("unplugged") : QStringLiteral("stalled"));
+    finish(EXIT_CAMERA_LOST, gone ? QStringLiteral("unplugged") : QStringLiteral("stalled"));
 }
 
 void Session::printProgress(bool final)
