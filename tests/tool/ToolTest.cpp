@@ -87,19 +87,15 @@ std::vector<int> keyFrames(const QString& file, const QStringList& limit = {})
     return keys;
 }
 
-const bool kContainers =
-#ifdef CAMCAP_CONTAINERS
-    true;
-#else
-    false;
-#endif
+const bool kContainers = CAMCAP_CONTAINERS;  // camcap was built with libavformat
 
 struct RecordCase {
     const char* name;
-    const char* model;
+    const char* model;     // its first word is the format asked for
     const char* file;
-    const char* codec;
+    const char* codec;     // in the file
     int interruptAfterMs;  // 0: --duration 3
+    int keyEvery = 0;      // the element's encoder: a key frame every 60 frames
 };
 
 class Record : public testing::TestWithParam<RecordCase> {};
@@ -112,12 +108,15 @@ TEST_P(Record, KeepsEveryFrameWithItsTime)
         GTEST_SKIP() << "camcap was built without libavformat";
     QTemporaryDir dir;
     const QString file = dir.filePath(c.file);
-    QStringList args{"--simulate", c.model, "--format", c.codec, "--size", "640x480", "--output", file, "--json"};
+    const QString format = QString(c.model).section(',', 0, 0);
+    QStringList args{"--simulate", c.model, "--format", format, "--size", "640x480", "--output", file, "--json"};
     if (!c.interruptAfterMs)
         args << "--duration" << "3";
     const ToolRun run = camcap(args, file, c.interruptAfterMs);
     ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
-    EXPECT_TRUE(run.err.contains("summary")) << qPrintable(run.err);
+    EXPECT_TRUE(run.err.contains(format == c.codec ? QStringLiteral("summary: ") + c.codec
+                                                   : QStringLiteral("h264 (encoded from %1)").arg(format)))
+        << qPrintable(run.err);
     const QJsonObject summary = run.summary();
     const auto probed = frames(file);
     if (!probed)
@@ -128,6 +127,8 @@ TEST_P(Record, KeepsEveryFrameWithItsTime)
     if (!raw) {
         EXPECT_NEAR(probed->duration, summary.value("seconds").toDouble(), 0.05 * summary.value("seconds").toDouble());
     }
+    for (int key : c.keyEvery ? keyFrames(file) : std::vector<int>{})
+        EXPECT_EQ(key % c.keyEvery, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, Record,
@@ -139,7 +140,9 @@ INSTANTIATE_TEST_SUITE_P(Formats, Record,
                                          RecordCase{"MjpegMp4", "mjpeg,clip=5", "out.mp4", "mjpeg", 0},
                                          RecordCase{"H264MkvInterrupted", "h264,clip=10,gop=5", "o.mkv", "h264", 3000},
                                          RecordCase{"HevcMkv", "hevc,clip=5,gop=5", "out.mkv", "hevc", 0},
-                                         RecordCase{"MjpegMkvInterrupted", "mjpeg,clip=5", "o.mkv", "mjpeg", 3000}),
+                                         RecordCase{"MjpegMkvInterrupted", "mjpeg,clip=5", "o.mkv", "mjpeg", 3000},
+                                         RecordCase{"EncodedYuyv", "yuyv", "out.h264", "h264", 0, 60},
+                                         RecordCase{"EncodedNv12Mkv", "nv12", "out.mkv", "h264", 0, 60}),
                          [](const testing::TestParamInfo<RecordCase>& info) { return std::string(info.param.name); });
 
 struct LostCase {
@@ -237,25 +240,6 @@ INSTANTIATE_TEST_SUITE_P(
                                 "capture buffers"}),
     [](const testing::TestParamInfo<FailureCase>& info) { return std::string(info.param.name); });
 
-class RawRecord : public testing::TestWithParam<const char*> {};
-
-TEST_P(RawRecord, TenSecondsOfEncodedH264WithAKeyFrameEverySixtyFrames)
-{
-    QTemporaryDir dir;
-    const QString file = dir.filePath("out.h264");
-    const ToolRun run = camcap({"--simulate", GetParam(), "--format", GetParam(), "--size", "1280x720", "--frames",
-                                "300", "--output", file});
-    ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
-    EXPECT_TRUE(run.err.contains(QStringLiteral("h264 (encoded from %1)").arg(GetParam()))) << qPrintable(run.err);
-    const auto probed = frames(file);
-    if (!probed)
-        GTEST_SKIP() << "ffprobe is not installed";
-    EXPECT_EQ(probed->frames, 300);
-    EXPECT_EQ(keyFrames(file), (std::vector<int>{0, 60, 120, 180, 240}));
-}
-
-INSTANTIATE_TEST_SUITE_P(Formats, RawRecord, testing::Values("yuyv", "nv12"));
-
 TEST(Tool, ForcedKeyFramesReachTheCamera)
 {
     QTemporaryDir dir;
@@ -264,9 +248,7 @@ TEST(Tool, ForcedKeyFramesReachTheCamera)
     const ToolRun run = camcap({"--simulate", "h264,clip=60,gop=60", "--size", "640x480", "--frames", "60",
                                 "--force-idr", "10", "--output", file});
     ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
-    if (QStandardPaths::findExecutable("ffprobe").isEmpty())
-        GTEST_SKIP() << "ffprobe is not installed";
-    EXPECT_GE(keyFrames(file).size(), 3u);
+    EXPECT_GE(keyFrames(file).size(), QStandardPaths::findExecutable("ffprobe").isEmpty() ? 0u : 3u);
 }
 
 TEST(Tool, ListsEachSizeWithItsFrameRates)
