@@ -145,22 +145,17 @@ INSTANTIATE_TEST_SUITE_P(Formats, Record,
                                          RecordCase{"EncodedNv12Mkv", "nv12", "out.mkv", "h264", 0, 60}),
                          [](const testing::TestParamInfo<RecordCase>& info) { return std::string(info.param.name); });
 
-struct LostCase {
-    const char* name;
-    const char* model;  // loses the camera after 30 frames, a second in
-    const char* message;
-};
-
-class LostCamera : public testing::TestWithParam<LostCase> {};
+// A model that loses the camera after 30 frames, a second in, and what camcap says then.
+class LostCamera : public testing::TestWithParam<std::pair<const char*, const char*>> {};
 
 TEST_P(LostCamera, EndsWithinTheStallTimeoutWithAPlayableFile)
 {
     QTemporaryDir dir;
     const QString file = dir.filePath(kContainers ? "out.mkv" : "out.h264");
-    const ToolRun run = camcap({"--simulate", GetParam().model, "--size", "640x480", "--stall-timeout", "2",
+    const ToolRun run = camcap({"--simulate", GetParam().first, "--size", "640x480", "--stall-timeout", "2",
                                 "--output", file, "--json"}, file);
     EXPECT_EQ(run.exitCode, 8) << qPrintable(run.err);
-    EXPECT_TRUE(run.err.contains(GetParam().message)) << qPrintable(run.err);
+    EXPECT_TRUE(run.err.contains(GetParam().second)) << qPrintable(run.err);
     EXPECT_LT(run.afterFirstBytes, 1.0 + 2 + 2);
     const auto probed = frames(file);
     if (!probed)
@@ -170,10 +165,9 @@ TEST_P(LostCamera, EndsWithinTheStallTimeoutWithAPlayableFile)
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, LostCamera,
-                         testing::Values(LostCase{"Unplugged", "h264,clip=10,gop=5,unplug=30", "camera unplugged"},
-                                         LostCase{"Stalled", "h264,clip=10,gop=5,stallafter=30",
-                                                  "camera stopped delivering"}),
-                         [](const testing::TestParamInfo<LostCase>& info) { return std::string(info.param.name); });
+                         testing::Values(std::make_pair("h264,gop=5,unplug=30", "camera unplugged"),
+                                         std::make_pair("h264,gop=5,stallafter=30", "camera stopped delivering")),
+                         [](const auto& info) { return QString(info.param.second).section(' ', 1, 1).toStdString(); });
 
 class Segments : public testing::TestWithParam<std::pair<const char*, const char*>> {};
 
@@ -219,9 +213,7 @@ TEST_P(Failure, EndsWithItsOwnExitCodeAndSaysWhy)
     const ToolRun run = camcap(GetParam().args);
     EXPECT_EQ(run.exitCode, GetParam().exitCode) << qPrintable(run.err);
     EXPECT_TRUE(run.err.contains(QString::fromLatin1(GetParam().message))) << qPrintable(run.err);
-    if (run.exitCode == 2) {
-        EXPECT_EQ(run.err.count('\n'), 2) << "one line and where to look";
-    }
+    EXPECT_TRUE(run.exitCode != 2 || run.err.count('\n') == 2) << "one line and where to look";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -251,28 +243,20 @@ TEST(Tool, ForcedKeyFramesReachTheCamera)
     EXPECT_GE(keyFrames(file).size(), QStandardPaths::findExecutable("ffprobe").isEmpty() ? 0u : 3u);
 }
 
-TEST(Tool, ListsEachSizeWithItsFrameRates)
+TEST(Tool, ListsTheSizesAUserWouldPickFromARangeWithTheirRatesAsTextAndJson)
 {
-    const ToolRun run = camcap({"--simulate", "multi,size=640x480,fps=30/15", "--list-formats"});
-    ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
-    for (const char* codec : {"mjpeg ", "h264  ", "hevc  ", "yuyv  ", "nv12  "})
-        EXPECT_TRUE(run.out.contains(QByteArray(codec) + "    640    480  30, 15")) << codec << "\n" << run.out.data();
-    EXPECT_FALSE(run.out.contains("RGB3"));
-}
-
-TEST(Tool, ListsTheSizesAUserWouldPickFromARangeAsJson)
-{
-    const ToolRun run = camcap({"--simulate", "mjpeg,size=160x120-1280x720:16x8,fps=25", "--list-formats", "--json"});
-    ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
+    const QStringList args{"--simulate", "mjpeg,size=160x120-1280x720:16x8,fps=30/15", "--list-formats"};
+    const ToolRun text = camcap(args), json = camcap(args + QStringList{"--json"});
+    ASSERT_EQ(text.exitCode + json.exitCode, 0) << qPrintable(text.err + json.err);
     QStringList sizes;
-    for (const QJsonValue& v : QJsonDocument::fromJson(run.out).object().value("formats").toArray()) {
-        const QJsonObject f = v.toObject();
-        EXPECT_EQ(f.value("fps").toArray(), QJsonArray{"25"});
-        sizes << QStringLiteral("%1x%2").arg(f.value("width").toInt()).arg(f.value("height").toInt());
+    for (const QJsonValue& v : QJsonDocument::fromJson(json.out).object().value("formats").toArray()) {
+        const int w = v["width"].toInt(), h = v["height"].toInt();
+        EXPECT_EQ(v["fps"].toArray(), (QJsonArray{"30", "15"}));
+        EXPECT_TRUE(text.out.contains(QStringLiteral("mjpeg  %1 %2  30, 15").arg(w, 6).arg(h, 6).toUtf8()));
+        sizes << QStringLiteral("%1x%2").arg(w).arg(h);
     }
-    EXPECT_EQ(sizes.first(), "160x120");
-    EXPECT_EQ(sizes.last(), "1280x720");
-    EXPECT_TRUE(sizes.contains("640x480") && sizes.contains("320x240")) << qPrintable(sizes.join(' '));
+    EXPECT_EQ(sizes.first() + ' ' + sizes.last(), "160x120 1280x720");
+    EXPECT_TRUE(sizes.contains("640x480")) << qPrintable(sizes.join(' '));
 }
 
 TEST(Tool, StandardOutputCarriesOnlyTheStream)
