@@ -71,6 +71,8 @@ bool offers(const QList<MediaFormat>& formats, int codec, int w, int h)
     return false;
 }
 
+constexpr int64_t kStartupGraceUs = 10000000;
+
 // The element answers an H.264 request with the first of these the camera has at the size.
 const int kNegotiationOrder[] = {CODEC_TYPE_H264, CODEC_TYPE_NV12, CODEC_TYPE_YUYV, CODEC_TYPE_MJPEG};
 
@@ -310,8 +312,10 @@ void Session::watch()
 {
     // An unplugged camera sends nothing more, so there is no point waiting out the timeout.
     const bool gone = m_node->gone();
-    const int64_t last = std::max(m_recorder->lastFrameUs(), m_playUs);
-    const bool silent = Recorder::nowUs() - last >= int64_t(m_options.stallTimeout * 1e6);
+    // Cameras (and the simulated one, which encodes its clip first) take a while to start.
+    const int64_t last = m_recorder->lastFrameUs();
+    const int64_t quiet = last < 0 ? Recorder::nowUs() - m_playUs - kStartupGraceUs : Recorder::nowUs() - last;
+    const bool silent = quiet >= int64_t(m_options.stallTimeout * 1e6);
     if (!gone && !silent)
         return;
     if (m_options.progress && isatty(STDERR_FILENO))
