@@ -169,7 +169,8 @@ Interval NodeState::applyTimePerFrame(Interval wanted)
     std::lock_guard lock(m_);
     if (const Format* f = findFormat(config, format_.fourcc))
         if (const auto* intervals = intervalsAt(*f, format_.width, format_.height))
-            timePerFrame_ = nearestInterval(*intervals, wanted);
+            timePerFrame_ = f->intervalRange ? nearestInterval(*f->intervalRange, wanted)
+                                             : nearestInterval(*intervals, wanted);
     return forcedTimePerFrame_.value_or(timePerFrame_);
 }
 

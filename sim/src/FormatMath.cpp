@@ -1,5 +1,7 @@
 #include "FormatMath.h"
 
+#include <numeric>
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -117,6 +119,23 @@ Interval nearestInterval(const std::vector<Interval>& offered, Interval wanted)
         }
     }
     return best;
+}
+
+Interval nearestInterval(const IntervalRange& r, Interval wanted)
+{
+    if (wanted.denominator == 0 || wanted.numerator == 0)
+        return r.min;
+    const auto seconds = [](Interval i) { return double(i.numerator) / i.denominator; };
+    const double target = std::clamp(seconds(wanted), seconds(r.min), seconds(r.max));
+    const bool continuous = r.step.numerator == 1 && r.step.denominator == 1;
+    if (continuous)
+        return target == seconds(wanted) ? wanted : target == seconds(r.min) ? r.min : r.max;
+    // min + k * step, exactly: a/b + k*c/d = (a*d + k*c*b) / (b*d).
+    const uint64_t k = uint64_t(std::llround((target - seconds(r.min)) / seconds(r.step)));
+    const uint64_t num = uint64_t(r.min.numerator) * r.step.denominator + k * r.step.numerator * r.min.denominator;
+    const uint64_t den = uint64_t(r.min.denominator) * r.step.denominator;
+    const uint64_t g = std::gcd(num, den);
+    return {uint32_t(num / g), uint32_t(den / g)};
 }
 
 void defaultSize(const Format& format, uint32_t& width, uint32_t& height)

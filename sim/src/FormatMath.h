@@ -36,6 +36,9 @@ const std::vector<Interval>* intervalsAt(const Format& format, uint32_t width,
 
 // The offered interval nearest to `wanted` (the first when `wanted` is zero).
 Interval nearestInterval(const std::vector<Interval>& offered, Interval wanted);
+// The interval of a range nearest to `wanted`: clamped, and on the step from the minimum
+// (the minimum when `wanted` is zero).
+Interval nearestInterval(const IntervalRange& range, Interval wanted);
 
 // The size a format starts at: its first discrete size, or the largest of a range.
 void defaultSize(const Format& format, uint32_t& width, uint32_t& height);

@@ -118,6 +118,25 @@ public:
                 uint32_t(number(v.substr(x + 1), 1, 16384))};
     }
 
+    // "LO-HI" frames per second (continuous) or "LO-HI:N/D" (stepwise by N/D seconds).
+    IntervalRange intervalRange(std::string_view v) const
+    {
+        const size_t dash = v.find('-');
+        const size_t colon = v.find(':');
+        const long lo = number(v.substr(0, dash), 1, 1000);
+        const long hi = number(v.substr(dash + 1, colon == std::string_view::npos ? colon : colon - dash - 1), lo, 1000);
+        IntervalRange r{{1, uint32_t(hi)}, {1, uint32_t(lo)}, {1, 1}};
+        if (colon != std::string_view::npos) {
+            const std::string_view step = v.substr(colon + 1);
+            const size_t slash = step.find('/');
+            if (slash == std::string_view::npos)
+                fail("interval step '" + std::string(step) + "' is not N/D");
+            r.step = {uint32_t(number(step.substr(0, slash), 1, 1000000)),
+                      uint32_t(number(step.substr(slash + 1), 1, 1000000))};
+        }
+        return r;
+    }
+
     // "WxH-WxH" (continuous) or "WxH-WxH:SWxSH" (stepwise).
     StepwiseSize sizeRange(std::string_view v) const
     {
@@ -351,6 +370,15 @@ const std::map<std::string, Setting>& settings()
              });
          }}},
         {"fps", {true, [](Model& m, Scope& s, std::string_view v, const Item& item) {
+             std::optional<IntervalRange> range;
+             if (v.find('-') != std::string_view::npos)
+                 range = item.intervalRange(v);
+             forCaptureNodes(s, [&](Node& n) {
+                 for (Format& f : n.formats)
+                     f.intervalRange = range;
+             });
+             if (range)
+                 v = v.substr(v.find('-') + 1, v.find(':') - v.find('-') - 1); // lists offer the highest rate
              std::vector<Interval> intervals;
              for (std::string_view part : split(v, '/')) {
                  long fps = item.number(part, 0, 1000);

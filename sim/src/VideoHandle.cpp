@@ -185,6 +185,16 @@ int VideoHandle::enumFrameIntervals(v4l2_frmivalenum& e) const
     if (!f)
         return EINVAL;
     const auto* intervals = intervalsAt(*f, e.width, e.height);
+    if (intervals && f->intervalRange) {
+        if (e.index != 0)
+            return EINVAL;
+        const IntervalRange& r = *f->intervalRange;
+        const bool continuous = r.step.numerator == 1 && r.step.denominator == 1;
+        e.type = continuous ? V4L2_FRMIVAL_TYPE_CONTINUOUS : V4L2_FRMIVAL_TYPE_STEPWISE;
+        e.stepwise = {{r.min.numerator, r.min.denominator}, {r.max.numerator, r.max.denominator},
+                      {r.step.numerator, r.step.denominator}};
+        return 0;
+    }
     if (!intervals || e.index >= intervals->size())
         return EINVAL;
     e.type = V4L2_FRMIVAL_TYPE_DISCRETE;

@@ -82,6 +82,11 @@ const TextCase kTexts[] = {
                    std::make_tuple(160u, 1080u, 16u, 8u));
          EXPECT_TRUE(faults0(m).stall && faults0(m).stallAfter == 7);
      }},
+    {"fps=5-30:1/30", nullptr, [](const Model& m) {
+         const IntervalRange r = node0(m).formats.at(0).intervalRange.value();
+         EXPECT_TRUE(r.min == (Interval{1, 30}) && r.max == (Interval{1, 5}) && r.step == (Interval{1, 30}));
+         EXPECT_EQ(node0(m).formats[0].sizes[0].intervals, (std::vector<Interval>{{1, 30}}));
+     }},
     {"others=null/tty0", nullptr, [](const Model& m) {
          EXPECT_EQ(m.otherDevNames, (std::vector<std::string>{"null", "tty0"}));
      }},
@@ -89,6 +94,8 @@ const TextCase kTexts[] = {
     {"h264,mjpeg", "only come first", {}},
     {"size=640", "not WxH", {}},
     {"size=640x480-320x240", "runs backwards", {}},
+    {"fps=30-5", "out of range", {}},
+    {"fps=5-30:2", "not N/D", {}},
     {"open=EWHAT", "unknown errno", {}},
     {"stall=1", "takes no value", {}},
     {"open", "needs a value", {}},

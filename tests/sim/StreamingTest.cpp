@@ -164,3 +164,45 @@ TEST_F(SimTest, ReadableExactlyWhenADriversPollWouldBe)
 }
 
 } // namespace
+
+namespace {
+
+struct RangeCase {
+    const char* model;
+    uint32_t type;
+    Interval wanted, got;
+};
+
+class IntervalRanges : public SimTest, public ::testing::WithParamInterface<RangeCase> {};
+
+TEST_P(IntervalRanges, AreEnumeratedOnceAndApplyClampedToTheirStep)
+{
+    const RangeCase& c = GetParam();
+    ScopedModel model(c.model);
+    Fd fd{::open("/dev/video0", O_RDWR)};
+    v4l2_frmivalenum e{};
+    e.pixel_format = kFourccMJPG;
+    e.width = 640;
+    e.height = 480;
+    ASSERT_EQ(xioctl(fd.fd, VIDIOC_ENUM_FRAMEINTERVALS, &e), 0);
+    EXPECT_EQ(e.type, c.type);
+    EXPECT_EQ(e.stepwise.min.denominator, 30u);
+    e.index = 1;
+    EXPECT_EQ(xioctl(fd.fd, VIDIOC_ENUM_FRAMEINTERVALS, &e), EINVAL);
+    v4l2_streamparm p{};
+    p.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    ASSERT_EQ(xioctl(fd.fd, VIDIOC_G_PARM, &p), 0);
+    EXPECT_EQ(p.parm.capture.timeperframe.denominator, 30u) << "the highest rate by default";
+    p.parm.capture.timeperframe = {c.wanted.numerator, c.wanted.denominator};
+    ASSERT_EQ(xioctl(fd.fd, VIDIOC_S_PARM, &p), 0);
+    EXPECT_EQ((Interval{p.parm.capture.timeperframe.numerator, p.parm.capture.timeperframe.denominator}), c.got);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Models, IntervalRanges,
+    ::testing::Values(RangeCase{"mjpeg,size=640x480,fps=5-30", V4L2_FRMIVAL_TYPE_CONTINUOUS, {1, 60}, {1, 30}},
+                      RangeCase{"mjpeg,size=640x480,fps=5-30", V4L2_FRMIVAL_TYPE_CONTINUOUS, {2, 25}, {2, 25}},
+                      RangeCase{"mjpeg,size=640x480,fps=5-30:1/30", V4L2_FRMIVAL_TYPE_STEPWISE, {1, 12}, {1, 10}},
+                      RangeCase{"mjpeg,size=640x480,fps=5-30:1/30", V4L2_FRMIVAL_TYPE_STEPWISE, {1, 2}, {1, 5}}));
+
+} // namespace

@@ -40,11 +40,20 @@ struct StepwiseSize {
     std::vector<Interval> intervals; // offered at every size of the range
 };
 
+// A frame interval range offered at every size (VIDIOC_ENUM_FRAMEINTERVALS reports
+// V4L2_FRMIVAL_TYPE_STEPWISE, or V4L2_FRMIVAL_TYPE_CONTINUOUS when `step` is 1/1).
+struct IntervalRange {
+    Interval min{1, 30}; // the shortest interval: the highest rate, and the default
+    Interval max{1, 5};
+    Interval step{1, 1};
+};
+
 struct Format {
     uint32_t fourcc = 0;
     std::string description;             // empty: derived from the FourCC
     std::vector<FrameSize> sizes;        // discrete sizes in enumeration order
     std::optional<StepwiseSize> stepwise; // when set, replaces `sizes`
+    std::optional<IntervalRange> intervalRange; // when set, replaces the sizes' interval lists
 };
 
 // Misbehaviour of one device node. Default-constructed = a healthy camera. Changing a
