@@ -229,6 +229,10 @@ INSTANTIATE_TEST_SUITE_P(
                                 "format refused"},
                     FailureCase{"Unwritable", {"--simulate", "h264", "--output", "/nonexistent/dir/out.h264"}, 6,
                                 "cannot write"},
+                    FailureCase{"DiskFull", {"--simulate", "h264", "--frames", "9", "--output", "/dev/full"}, 6,
+                                "writing /dev/full failed"},
+                    FailureCase{"DiskFullAtTheIndex", {"--simulate", "h264", "--frames", "9", "--output", "/dev/full",
+                                "--container", "mkv"}, 6, kContainers ? "trailer" : "container support"},
                     FailureCase{"BuffersRefused", {"--simulate", "h264,qbuf=EINVAL", "--frames", "1"}, 7,
                                 "capture buffers"}),
     [](const testing::TestParamInfo<FailureCase>& info) { return std::string(info.param.name); });

@@ -39,7 +39,10 @@ inline bool startsWithStartCode(const uint8_t* p, size_t n)
            (n >= 4 && p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 1);
 }
 
-inline int nalType(int codec, const uint8_t* nal) { return codec == CODEC_TYPE_HEVC ? (nal[0] >> 1) & 0x3f : nal[0] & 0x1f; }
+inline int nalType(int codec, const uint8_t* nal)
+{
+    return codec == CODEC_TYPE_HEVC ? (nal[0] >> 1) & 0x3f : nal[0] & 0x1f;
+}
 
 // An IDR picture (H.264) or an IRAP picture (HEVC); every JPEG is a key frame. Only the
 // NAL headers up to the first slice are read, not the whole picture.

@@ -25,7 +25,8 @@ QString CameraNode::elementNode()
 {
     QString best = QStringLiteral("/dev/video0");
     int bestNumber = -1;
-    for (const QString& name : QDir(QStringLiteral("/dev")).entryList(QDir::System | QDir::Files | QDir::NoDotAndDotDot)) {
+    const QDir dev(QStringLiteral("/dev"));
+    for (const QString& name : dev.entryList(QDir::System | QDir::Files | QDir::NoDotAndDotDot)) {
         if (!name.startsWith(QLatin1String("video"), Qt::CaseInsensitive))
             continue;
         const int number = name.mid(5).toInt();

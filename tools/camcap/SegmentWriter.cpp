@@ -14,8 +14,8 @@ QString SegmentWriter::fileName(const QString& pattern, int index)
     const QRegularExpressionMatch m = indexField.match(pattern);
     if (m.hasMatch()) {
         const QString spec = m.captured(1);
-        const int width = spec.toInt();
-        const QString number = QStringLiteral("%1").arg(index, width, 10, spec.startsWith(QLatin1Char('0')) ? QLatin1Char('0') : QLatin1Char(' '));
+        const QChar fill = spec.startsWith(QLatin1Char('0')) ? QLatin1Char('0') : QLatin1Char(' ');
+        const QString number = QStringLiteral("%1").arg(index, spec.toInt(), 10, fill);
         return QString(pattern).replace(m.capturedStart(), m.capturedLength(), number);
     }
     if (pattern.contains(QLatin1Char('%'))) {

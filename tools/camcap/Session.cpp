@@ -219,10 +219,6 @@ int Session::run()
 {
     m_element->initialize();
     m_element->start();
-    QObject::connect(m_element, &IMediaElement::mediaEvent, m_element, [this](QString key, QVariant) {
-        if (key == QLatin1String("event.camera.gotframe"))
-            m_gotFrame = true;
-    });
 
     const QList<MediaFormat> formats = m_element->getAttribute(ATTR_CAM_FORMATLIST).value<QList<MediaFormat>>();
     m_node = std::make_unique<CameraNode>();
@@ -253,7 +249,7 @@ int Session::run()
     events.done = [this] {
         QMetaObject::invokeMethod(&m_context, [this] {
             if (m_recorder->writeFailed()) {
-                std::fprintf(stderr, "\ncamcap: writing %s failed: %s\n", qPrintable(outputName()),
+                std::fprintf(stderr, "camcap: writing %s failed: %s\n", qPrintable(outputName()),
                              qPrintable(m_sink->error()));
                 finish(EXIT_OUTPUT, QStringLiteral("write failed"));
             } else {
@@ -345,7 +341,7 @@ void Session::printSummary(int code)
 {
     std::fprintf(stderr, "camcap: summary: %s %dx%d, ", qPrintable(m_delivered), m_options.width, m_options.height);
     printProgress(true);
-    if (!m_gotFrame)
+    if (m_recorder->firstFrameUs() < 0)
         std::fprintf(stderr, "camcap: the camera delivered no frame\n");
     if (!m_options.json)
         return;

@@ -63,7 +63,6 @@ private:
     std::unique_ptr<QSocketNotifier> m_signalNotifier;
     int64_t m_playUs = 0;
     int64_t m_stopUs = 0;  // when the recording was told to end
-    bool m_gotFrame = false;
     QString m_stopReason;
     int m_exitCode = EXIT_OK;
     bool m_finished = false;
