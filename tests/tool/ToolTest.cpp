@@ -60,11 +60,7 @@ QJsonObject probe(const QString& file, const QStringList& what)
 }
 
 // Decoded frames, codec and container duration (-1 when the file has none).
-struct Probed {
-    int frames = 0;
-    QString codec;
-    double duration = -1;
-};
+struct Probed { int frames = 0; QString codec; double duration = -1; };
 std::optional<Probed> frames(const QString& file)
 {
     const QJsonObject o = probe(file, {"-count_frames", "-show_entries", "stream=codec_name,nb_read_frames:format=duration"});
