@@ -25,11 +25,11 @@
 namespace {
 
 // SIGINT and SIGTERM reach the event loop through a pipe.
-int g_signalPipe[2] = {-1, -1};
+volatile std::sig_atomic_t g_signalWrite = -1;
 void onSignal(int)
 {
     const char byte = 1;
-    [[maybe_unused]] ssize_t n = ::write(g_signalPipe[1], &byte, 1);
+    [[maybe_unused]] ssize_t n = ::write(g_signalWrite, &byte, 1);
 }
 
 struct CodecName {
@@ -80,7 +80,14 @@ const int kNegotiationOrder[] = {CODEC_TYPE_H264, CODEC_TYPE_NV12, CODEC_TYPE_YU
 
 Session::Session(IMediaElement* element, const Options& options) : m_element(element), m_options(options) {}
 
-Session::~Session() = default;
+Session::~Session()
+{
+    if (m_signalWrite) {
+        std::signal(SIGINT, SIG_DFL);
+        std::signal(SIGTERM, SIG_DFL);
+        g_signalWrite = -1;
+    }
+}
 
 QJsonArray Session::formatList(const QList<MediaFormat>& formats) const
 {
@@ -282,8 +289,12 @@ int Session::run()
 
 void Session::arm()
 {
-    if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) == 0) {
-        m_signalNotifier = std::make_unique<QSocketNotifier>(g_signalPipe[0], QSocketNotifier::Read);
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC | O_NONBLOCK) == 0) {
+        m_signalRead.reset(fds[0]);
+        m_signalWrite.reset(fds[1]);
+        g_signalWrite = fds[1];
+        m_signalNotifier = std::make_unique<QSocketNotifier>(fds[0], QSocketNotifier::Read);
         QObject::connect(m_signalNotifier.get(), &QSocketNotifier::activated, &m_context,
                          [this] { finish(EXIT_OK, QStringLiteral("interrupted")); });
         std::signal(SIGINT, onSignal);

@@ -12,6 +12,7 @@
 
 #include "MediaFormat.h"
 #include "Options.h"
+#include "UniqueFd.h"
 
 class IMediaElement;
 class Recorder;
@@ -60,6 +61,8 @@ private:
     QTimer m_watchTimer;
     QTimer m_progressTimer;
     QTimer m_durationTimer;
+    UniqueFd m_signalRead;
+    UniqueFd m_signalWrite;
     std::unique_ptr<QSocketNotifier> m_signalNotifier;
     int64_t m_playUs = 0;
     int64_t m_stopUs = 0;  // when the recording was told to end
