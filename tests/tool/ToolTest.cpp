@@ -196,6 +196,16 @@ INSTANTIATE_TEST_SUITE_P(Files, Segments,
                                          std::make_pair("mjpeg,clip=5", "rec.mjpeg")),
                          [](const auto& info) { return std::string(info.param.first).substr(0, 4); });
 
+TEST(Tool, ASegmentThatCannotBeOpenedEndsTheRun)
+{
+    QTemporaryDir dir;
+    ASSERT_TRUE(QDir(dir.path()).mkdir("0"));  // the first file's directory, not the second's
+    const ToolRun run = camcap({"--simulate", "mjpeg,clip=5", "--size", "640x480", "--segment", "0.5", "--duration",
+                                "3", "--output", dir.filePath("%d/rec.mjpeg")});
+    EXPECT_EQ(run.exitCode, 6) << qPrintable(run.err);
+    EXPECT_TRUE(run.err.contains("1/rec.mjpeg")) << qPrintable(run.err);
+}
+
 struct FailureCase {
     const char* name;
     QStringList args;
