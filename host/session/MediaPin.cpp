@@ -35,35 +35,40 @@ public:
             ++m_stats.lagging;
             return PIN_LAGGING;
         }
-        *frame = m_free.front();
-        m_free.pop_front();
+        *frame = m_free.back();
+        m_free.pop_back();
         return PIN_OK;
     }
 
     int deliver(MediaFrame* frame)
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (!owns(frame)) {
-            Logger::logger_printf(0, "%s:%d ERROR: queue refused: frame %p is not from this pin's pool\n",
-                                  __func__, __LINE__, static_cast<void*>(frame));
-            ++m_stats.refused;
-            return PIN_REFUSED;
+        int result = PIN_OK;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (!owns(frame)) {
+                Logger::logger_printf(0, "%s:%d ERROR: queue refused: frame %p is not from this pin's pool\n",
+                                      __func__, __LINE__, static_cast<void*>(frame));
+                ++m_stats.refused;
+                return PIN_REFUSED;
+            }
+            if (frame->size() < 0 || unsigned(frame->size()) > frame->capacity()) {
+                Logger::logger_printf(0, "%s:%d ERROR: queue refused: frame size %d exceeds capacity %u\n",
+                                      __func__, __LINE__, frame->size(), frame->capacity());
+                ++m_stats.refused;
+                result = PIN_REFUSED;
+            } else if (m_closed) {
+                result = PIN_GONE;
+            }
+            if (result == PIN_OK) {
+                m_delivered.push_back(frame);
+                ++m_stats.delivered;
+            } else {
+                recycleLocked(frame);
+            }
         }
-        if (frame->size() < 0 || unsigned(frame->size()) > frame->capacity()) {
-            Logger::logger_printf(0, "%s:%d ERROR: queue refused: frame size %d exceeds capacity %u\n",
-                                  __func__, __LINE__, frame->size(), frame->capacity());
-            ++m_stats.refused;
-            recycleLocked(frame);
-            return PIN_REFUSED;
-        }
-        if (m_closed) {
-            recycleLocked(frame);
-            return PIN_GONE;
-        }
-        m_delivered.push_back(frame);
-        ++m_stats.delivered;
-        m_arrived.notify_one();
-        return PIN_OK;
+        // Notified after unlocking: a waiter woken under the lock would block on it at once.
+        (result == PIN_OK ? m_arrived : m_freed).notify_one();
+        return result;
     }
 
     MediaFrame* take(int timeoutMs)
@@ -83,9 +88,13 @@ public:
 
     void release(MediaFrame* frame)
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (owns(frame))
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (!owns(frame))
+                return;
             recycleLocked(frame);
+        }
+        m_freed.notify_one();
     }
 
     void close()
@@ -115,11 +124,11 @@ private:
                            [frame](const std::unique_ptr<MediaFrame>& f) { return f.get() == frame; });
     }
 
+    // The caller notifies m_freed once it has let go of the lock.
     void recycleLocked(MediaFrame* frame)
     {
         frame->setSize(0);
         m_free.push_back(frame);
-        m_freed.notify_one();
     }
 
     const unsigned int m_capacity;
@@ -127,7 +136,9 @@ private:
     std::condition_variable m_freed;
     std::condition_variable m_arrived;
     std::vector<std::unique_ptr<MediaFrame>> m_frames;
-    std::deque<MediaFrame*> m_free;
+    // Last freed, first lent: a steady stream keeps reusing the same warm frame or two
+    // instead of cycling through every large buffer of the pool.
+    std::vector<MediaFrame*> m_free;
     std::deque<MediaFrame*> m_delivered;
     bool m_closed = false;
     PinStats m_stats;
