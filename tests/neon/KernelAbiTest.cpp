@@ -25,15 +25,11 @@ void PrintTo(const AbiCase& c, std::ostream* os) { *os << c.what; }
 const AbiCase kCases[] = {
     {"sizeof_timeval", sizeof(timeval), 8, 16},
     {"sizeof_v4l2_buffer", sizeof(v4l2_buffer), 68, 88},
-    {"v4l2_buffer_timestamp", offsetof(v4l2_buffer, timestamp), 20, 24},
     {"v4l2_buffer_m", offsetof(v4l2_buffer, m), 52, 64},
-    {"v4l2_buffer_length", offsetof(v4l2_buffer, length), 56, 72},
-    {"VIDIOC_QUERYBUF", VIDIOC_QUERYBUF, 0xC0445609, 0xC0585609},
     {"VIDIOC_QBUF", VIDIOC_QBUF, 0xC044560F, 0xC058560F},
     {"VIDIOC_DQBUF", VIDIOC_DQBUF, 0xC0445611, 0xC0585611},
     {"VIDIOC_REQBUFS", VIDIOC_REQBUFS, 0xC0145608, 0xC0145608},
     {"sizeof_uvc_xu_control_query", sizeof(uvc_xu_control_query), 12, 16},
-    {"uvc_xu_control_query_size", offsetof(uvc_xu_control_query, size), 4, 4},
     {"uvc_xu_control_query_data", offsetof(uvc_xu_control_query, data), 8, 8},
     {"UVCIOC_CTRL_QUERY", UVCIOC_CTRL_QUERY, 0xC00C7521, 0xC0107521},
 };

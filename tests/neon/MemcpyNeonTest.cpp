@@ -8,6 +8,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -65,21 +66,9 @@ private:
     bool m_ok = false;
 };
 
-// Index of the first byte in [p, p + n) that is not `value`, or -1.
-long firstNot(const uint8_t* p, size_t n, uint8_t value)
+bool allAre(const uint8_t* from, const uint8_t* to, uint8_t value)
 {
-    for (size_t i = 0; i < n; ++i)
-        if (p[i] != value)
-            return long(i);
-    return -1;
-}
-
-long firstDiff(const uint8_t* a, const uint8_t* b, size_t n)
-{
-    for (size_t i = 0; i < n; ++i)
-        if (a[i] != b[i])
-            return long(i);
-    return -1;
+    return std::all_of(from, to, [value](uint8_t b) { return b == value; });
 }
 
 // Sizes around the 64-byte step, a large odd size spanning pages, and negative counts (the
@@ -109,11 +98,10 @@ TEST_P(MemcpyNeon, CopiesExactlyNBytesAtEveryAlignment)
 
             memcpy_neon(d, s, n);
 
-            ASSERT_EQ(firstDiff(d, s, copied), -1) << "copied bytes differ";
-            ASSERT_EQ(firstNot(dst.base(), size_t(d - dst.base()), kSentinel), -1) << "wrote in front of dst";
-            ASSERT_EQ(firstNot(d + copied, size_t(dst.end() - (d + copied)), kSentinel), -1)
-                << "wrote past dst + n";
-            ASSERT_EQ(firstDiff(src.base(), srcBefore.data(), srcBefore.size()), -1) << "changed src";
+            ASSERT_TRUE(std::equal(d, d + copied, s)) << "copied bytes differ";
+            ASSERT_TRUE(allAre(dst.base(), d, kSentinel)) << "wrote in front of dst";
+            ASSERT_TRUE(allAre(d + copied, dst.end(), kSentinel)) << "wrote past dst + n";
+            ASSERT_TRUE(std::equal(srcBefore.begin(), srcBefore.end(), src.base())) << "changed src";
         }
     }
 }

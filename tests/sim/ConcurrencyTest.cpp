@@ -30,10 +30,10 @@ TEST_F(SimTest, CameraChangesWhileAnotherThreadStreams)
 
     for (int i = 0; i < 50; ++i) {
         v4l2_control c{V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME, 1};
-        EXPECT_EQ(xioctl(s.fd.fd, VIDIOC_S_CTRL, &c), 0);
+        EXPECT_EQ(xioctl(s.fd.get(), VIDIOC_S_CTRL, &c), 0);
         v4l2_streamparm p{};
         p.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        EXPECT_EQ(xioctl(s.fd.fd, VIDIOC_G_PARM, &p), 0);
+        EXPECT_EQ(xioctl(s.fd.get(), VIDIOC_G_PARM, &p), 0);
         (void)stats();
         setUnthrottled(i % 2 == 0);
         modifyFaults([i](Faults& f) {

@@ -32,27 +32,27 @@ TEST_P(PassThrough, RealPathsAndDescriptorsAreUntouched)
         model = std::make_unique<ScopedModel>(GetParam());
 
     // read() through open() against the C++ library's own file access.
-    Fd hosts(::open("/etc/hostname", O_RDONLY));
+    UniqueFd hosts(::open("/etc/hostname", O_RDONLY));
     std::string viaOpen;
     char buf[256];
-    for (ssize_t n; (n = ::read(hosts.fd, buf, sizeof buf)) > 0;)
+    for (ssize_t n; (n = ::read(hosts.get(), buf, sizeof buf)) > 0;)
         viaOpen.append(buf, size_t(n));
     std::stringstream viaStream;
     viaStream << std::ifstream("/etc/hostname").rdbuf();
     EXPECT_EQ(viaOpen, viaStream.str());
 
-    Fd null(::open("/dev/null", O_WRONLY));
+    UniqueFd null(::open("/dev/null", O_WRONLY));
     struct stat st {};
-    ASSERT_EQ(fstat(null.fd, &st), 0);
+    ASSERT_EQ(fstat(null.get(), &st), 0);
     EXPECT_TRUE(S_ISCHR(st.st_mode));
-    EXPECT_EQ(::write(null.fd, "x", 1), 1);
+    EXPECT_EQ(::write(null.get(), "x", 1), 1);
 
     int pipeFds[2];
     ASSERT_EQ(pipe(pipeFds), 0);
-    Fd readEnd(pipeFds[0]), writeEnd(pipeFds[1]);
-    ASSERT_EQ(::write(writeEnd.fd, "abc", 3), 3);
+    UniqueFd readEnd(pipeFds[0]), writeEnd(pipeFds[1]);
+    ASSERT_EQ(::write(writeEnd.get(), "abc", 3), 3);
     int pending = 0;
-    EXPECT_EQ(xioctl(readEnd.fd, FIONREAD, &pending), 0);
+    EXPECT_EQ(xioctl(readEnd.get(), FIONREAD, &pending), 0);
     EXPECT_EQ(pending, 3);
 
     // The model's /dev listing replaces the real one only while it is active.
@@ -72,7 +72,7 @@ TEST_F(SimTest, HostCamerasAndTheShadowTreeGoWithTheModel)
         root = shadowRoot();
         ASSERT_EQ(access(root.c_str(), F_OK), 0);
         errno = 0;
-        EXPECT_LT(Fd(::open("/dev/video7", O_RDWR)).fd, 0) << "host nodes are hidden";
+        EXPECT_LT(UniqueFd(::open("/dev/video7", O_RDWR)).get(), 0) << "host nodes are hidden";
         EXPECT_EQ(errno, ENOENT);
     }
     EXPECT_FALSE(active());
@@ -98,10 +98,10 @@ TEST_F(SimTest, ReconfiguringKillsOldDescriptorsButARefusedModelChangesNothing)
     configure("h264");
     EXPECT_EQ(stats().clockThreads, 0);
     EXPECT_EQ(stats().mappings, 0);
-    EXPECT_TRUE(readable(s.fd.fd, 0)) << "a waiting select wakes";
+    EXPECT_TRUE(readable(s.fd.get(), 0)) << "a waiting select wakes";
     EXPECT_EQ(s.dequeue(b), ENODEV);
     EXPECT_EQ(s.requeue(b), ENODEV);
-    EXPECT_GE(Fd(::open("/dev/video0", O_RDWR)).fd, 0);
+    EXPECT_GE(UniqueFd(::open("/dev/video0", O_RDWR)).get(), 0);
 }
 
 } // namespace

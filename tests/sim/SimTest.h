@@ -3,6 +3,7 @@
 // element does them, with memfds standing in for DMA-BUF allocations.
 
 #include "simcam/SimCamera.h"
+#include "UniqueFd.h"
 
 #include <cerrno>
 #include <deque>
@@ -17,19 +18,6 @@
 #include <utility>
 
 namespace simtest {
-
-struct Fd {
-    int fd = -1;
-    Fd() = default;
-    explicit Fd(int f) : fd(f) {}
-    Fd(Fd&& o) noexcept : fd(std::exchange(o.fd, -1)) {}
-    ~Fd() { reset(); }
-    void reset()
-    {
-        if (fd >= 0)
-            ::close(std::exchange(fd, -1));
-    }
-};
 
 // 0 or the errno the ioctl failed with.
 inline int xioctl(int fd, unsigned long request, void* arg)
@@ -67,13 +55,13 @@ inline v4l2_requestbuffers requestBuffers(uint32_t count)
 }
 
 struct DmaBuffer {
-    Fd fd{memfd_create("simtest", MFD_CLOEXEC)};
+    UniqueFd fd{memfd_create("simtest", MFD_CLOEXEC)};
     size_t size;
     uint8_t* data = nullptr;
     explicit DmaBuffer(size_t n) : size(n)
     {
-        void* p = ftruncate(fd.fd, off_t(n)) == 0
-                      ? mmap(nullptr, n, PROT_READ | PROT_WRITE, MAP_SHARED, fd.fd, 0)
+        void* p = ftruncate(fd.get(), off_t(n)) == 0
+                      ? mmap(nullptr, n, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0)
                       : MAP_FAILED;
         if (p == MAP_FAILED)
             throw std::runtime_error("memfd");
@@ -85,7 +73,7 @@ struct DmaBuffer {
 // /dev/video0 set up as the element does: S_FMT, REQBUFS DMABUF, QBUF every buffer,
 // STREAMON. Check `error` and `failedAt` after construction.
 struct Stream {
-    Fd fd{::open("/dev/video0", O_RDWR | O_NONBLOCK)};
+    UniqueFd fd{::open("/dev/video0", O_RDWR | O_NONBLOCK)};
     v4l2_format format{};
     std::deque<DmaBuffer> buffers;
     int error = 0;
@@ -93,20 +81,20 @@ struct Stream {
 
     Stream(uint32_t fourcc, uint32_t width, uint32_t height, uint32_t count = 4)
     {
-        if (failed("open", fd.fd < 0 ? errno : 0))
+        if (failed("open", fd.get() < 0 ? errno : 0))
             return;
         format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
         format.fmt.pix.width = width;
         format.fmt.pix.height = height;
         format.fmt.pix.pixelformat = fourcc;
         v4l2_requestbuffers req = requestBuffers(count);
-        if (failed("S_FMT", xioctl(fd.fd, VIDIOC_S_FMT, &format)) ||
-            failed("REQBUFS", xioctl(fd.fd, VIDIOC_REQBUFS, &req)))
+        if (failed("S_FMT", xioctl(fd.get(), VIDIOC_S_FMT, &format)) ||
+            failed("REQBUFS", xioctl(fd.get(), VIDIOC_REQBUFS, &req)))
             return;
         for (uint32_t i = 0; i < req.count; ++i) {
             buffers.emplace_back(format.fmt.pix.sizeimage);
-            v4l2_buffer b = captureBuffer(i, buffers.back().fd.fd, uint32_t(buffers.back().size));
-            if (failed("QBUF", xioctl(fd.fd, VIDIOC_QBUF, &b)))
+            v4l2_buffer b = captureBuffer(i, buffers.back().fd.get(), uint32_t(buffers.back().size));
+            if (failed("QBUF", xioctl(fd.get(), VIDIOC_QBUF, &b)))
                 return;
         }
         failed("STREAMON", streamCtl(VIDIOC_STREAMON));
@@ -114,15 +102,15 @@ struct Stream {
     int streamCtl(unsigned long request)
     {
         int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        return xioctl(fd.fd, request, &type);
+        return xioctl(fd.get(), request, &type);
     }
     // select, then DQBUF; ETIMEDOUT when nothing became readable.
     int dequeue(v4l2_buffer& out, int timeoutMs = 2000)
     {
         out = captureBuffer();
-        return readable(fd.fd, timeoutMs) ? xioctl(fd.fd, VIDIOC_DQBUF, &out) : ETIMEDOUT;
+        return readable(fd.get(), timeoutMs) ? xioctl(fd.get(), VIDIOC_DQBUF, &out) : ETIMEDOUT;
     }
-    int requeue(v4l2_buffer& b) { return xioctl(fd.fd, VIDIOC_QBUF, &b); }
+    int requeue(v4l2_buffer& b) { return xioctl(fd.get(), VIDIOC_QBUF, &b); }
     const uint8_t* data(const v4l2_buffer& b) const { return buffers[b.index].data; }
 
 private:

@@ -31,7 +31,7 @@ TEST_P(Content, FramesAreWrittenIntoTheImportedMemory)
         v4l2_buffer b{};
         ASSERT_EQ(s.dequeue(b), 0);
         EXPECT_EQ(b.sequence, i);
-        EXPECT_EQ(b.m.fd, s.buffers[b.index].fd.fd);
+        EXPECT_EQ(b.m.fd, s.buffers[b.index].fd.get());
         EXPECT_FALSE(b.flags & V4L2_BUF_FLAG_ERROR);
         ASSERT_GE(b.bytesused, c.head.size() + c.tail.size());
         ASSERT_LE(b.bytesused, s.format.fmt.pix.sizeimage);
@@ -63,12 +63,12 @@ TEST_F(SimTest, ForcedKeyFrameFollowsWithinTheQueueDepth)
     Stream s(kFourccH264, 320, 240);
     ASSERT_EQ(s.error, 0) << s.failedAt;
     // The control is the camera's: another descriptor on the node asks for the key frame.
-    Fd other{::open("/dev/video0", O_RDWR)};
+    UniqueFd other{::open("/dev/video0", O_RDWR)};
     std::vector<bool> key;
     for (int i = 0; i < 12; ++i) {
         if (i == 6) {
             v4l2_control c{V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME, 1};
-            ASSERT_EQ(xioctl(other.fd, VIDIOC_S_CTRL, &c), 0);
+            ASSERT_EQ(xioctl(other.get(), VIDIOC_S_CTRL, &c), 0);
         }
         v4l2_buffer b{};
         ASSERT_EQ(s.dequeue(b), 0);
@@ -144,23 +144,23 @@ TEST_F(SimTest, ReadableExactlyWhenADriversPollWouldBe)
     Stream s(kFourccMJPG, 320, 240);
     ASSERT_EQ(s.error, 0) << s.failedAt;
     v4l2_buffer b = captureBuffer();
-    EXPECT_FALSE(readable(s.fd.fd, 200)) << "streaming, nothing filled";
-    EXPECT_EQ(xioctl(s.fd.fd, VIDIOC_DQBUF, &b), EAGAIN);
+    EXPECT_FALSE(readable(s.fd.get(), 200)) << "streaming, nothing filled";
+    EXPECT_EQ(xioctl(s.fd.get(), VIDIOC_DQBUF, &b), EAGAIN);
 
     modifyFaults([](Faults& f) { f.dqbufErrno = EIO; });
-    EXPECT_TRUE(readable(s.fd.fd, 100)) << "a pending error";
+    EXPECT_TRUE(readable(s.fd.get(), 100)) << "a pending error";
     EXPECT_EQ(s.dequeue(b, 0), EIO);
     modifyFaults([](Faults& f) { f.dqbufErrno = 0; });
-    EXPECT_FALSE(readable(s.fd.fd, 100)) << "the error was cleared";
+    EXPECT_FALSE(readable(s.fd.get(), 100)) << "the error was cleared";
 
     modifyFaults([](Faults& f) { f.stall = false; });
     EXPECT_EQ(s.dequeue(b, 1000), 0) << "a filled buffer";
 
     ASSERT_EQ(s.streamCtl(VIDIOC_STREAMOFF), 0);
     EXPECT_EQ(s.dequeue(b, 0), EINVAL) << "a stopped queue is readable";
-    b = captureBuffer(0, s.buffers[0].fd.fd, uint32_t(s.buffers[0].size));
+    b = captureBuffer(0, s.buffers[0].fd.get(), uint32_t(s.buffers[0].size));
     ASSERT_EQ(s.requeue(b), 0);
-    EXPECT_TRUE(readable(s.fd.fd, 0)) << "stopped, even with a buffer queued";
+    EXPECT_TRUE(readable(s.fd.get(), 0)) << "stopped, even with a buffer queued";
 }
 
 } // namespace
@@ -179,22 +179,22 @@ TEST_P(IntervalRanges, AreEnumeratedOnceAndApplyClampedToTheirStep)
 {
     const RangeCase& c = GetParam();
     ScopedModel model(c.model);
-    Fd fd{::open("/dev/video0", O_RDWR)};
+    UniqueFd fd{::open("/dev/video0", O_RDWR)};
     v4l2_frmivalenum e{};
     e.pixel_format = kFourccMJPG;
     e.width = 640;
     e.height = 480;
-    ASSERT_EQ(xioctl(fd.fd, VIDIOC_ENUM_FRAMEINTERVALS, &e), 0);
+    ASSERT_EQ(xioctl(fd.get(), VIDIOC_ENUM_FRAMEINTERVALS, &e), 0);
     EXPECT_EQ(e.type, c.type);
     EXPECT_EQ(e.stepwise.min.denominator, 30u);
     e.index = 1;
-    EXPECT_EQ(xioctl(fd.fd, VIDIOC_ENUM_FRAMEINTERVALS, &e), EINVAL);
+    EXPECT_EQ(xioctl(fd.get(), VIDIOC_ENUM_FRAMEINTERVALS, &e), EINVAL);
     v4l2_streamparm p{};
     p.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    ASSERT_EQ(xioctl(fd.fd, VIDIOC_G_PARM, &p), 0);
+    ASSERT_EQ(xioctl(fd.get(), VIDIOC_G_PARM, &p), 0);
     EXPECT_EQ(p.parm.capture.timeperframe.denominator, 30u) << "the highest rate by default";
     p.parm.capture.timeperframe = {c.wanted.numerator, c.wanted.denominator};
-    ASSERT_EQ(xioctl(fd.fd, VIDIOC_S_PARM, &p), 0);
+    ASSERT_EQ(xioctl(fd.get(), VIDIOC_S_PARM, &p), 0);
     EXPECT_EQ((Interval{p.parm.capture.timeperframe.numerator, p.parm.capture.timeperframe.denominator}), c.got);
 }
 
