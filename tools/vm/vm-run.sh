@@ -20,6 +20,8 @@
 #                sysroot ($ARMHF_SYSROOT, default the one of scripts/install-armhf.sh)
 #   -v DIR       a host directory shared read-only at the same path (repeatable; on
 #                amd64 the whole machine is shared already)
+# VM_ICOUNT=N (environment, x86-64 TCG only): guest time advances 2^N ns per emulated
+# instruction on one TCG thread, so CPU times measured in the guest vary less between runs.
 # On stderr: "VM_TIMING boot S" (QEMU start to the command) and "VM_TIMING total S".
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -95,6 +97,8 @@ else
   if [ "$accel" = kvm ]; then
     # Plain "-cpu host" aborts on nested hosts that refuse MSR 0x10a.
     qemu+=(-enable-kvm -cpu "${VM_CPU:-host,-arch-capabilities}")
+  elif [ -n "${VM_ICOUNT:-}" ]; then
+    qemu+=(-accel tcg,thread=single -icount "shift=$VM_ICOUNT,sleep=on" -cpu "${VM_CPU:-max}")
   else
     qemu+=(-accel tcg,thread=multi -cpu "${VM_CPU:-max}")
   fi
