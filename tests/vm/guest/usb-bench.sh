@@ -5,10 +5,12 @@
 # is the consumer's user + system time once it is set up (bash's `times` over its own
 # subshell, less what /proc showed when capture began) divided by the frames it wrote;
 # the ratio camcap / bare is what to compare between runs.
-# BENCH_FRAMES (default 150) frames per passthrough run, a fifth of it for NV12.
+# BENCH_FRAMES (default 150) frames per passthrough run, a fifth of it for NV12;
+# BENCH_CAMCAP_ARGS (default --no-progress) extra camcap options.
 . "$(dirname "$0")/lib.sh"
 frames=${BENCH_FRAMES:-150}
 raw_frames=$((frames / 5))
+camcap_args=${BENCH_CAMCAP_ARGS---no-progress}
 BARE=$BIN/bare_capture
 [ -x "$BARE" ] || { skip "benchmark" "$BARE is not built"; finish; }
 need_camcap "benchmark" --frames --format --size --output --no-progress || finish
@@ -50,7 +52,7 @@ cpu_us() {
 # bench LABEL FORMAT SIZE FRAMES: camcap, then the bare loop, same settings.
 bench() {
   local label=$1 fmt=$2 size=$3 n=$4 sink=/tmp/bench.out
-  cpu_us "camcap: recording" "$CAMCAP" --no-progress --format "$fmt" --size "$size" --frames "$n" --output "$sink"
+  cpu_us "camcap: recording" "$CAMCAP" $camcap_args --format "$fmt" --size "$size" --frames "$n" --output "$sink"
   local camcap_status=$RUN_STATUS camcap_us=$((CPU_US / n))
   cpu_us "" "$BARE" --device "$CAM_NODE" --format "$fmt" --size "$size" --frames "$n" --output "$sink"
   local bare_status=$RUN_STATUS bare_us=$((CPU_US / n))
