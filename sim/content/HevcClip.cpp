@@ -65,8 +65,11 @@ CodedClip encodeHevcClip(const Pattern& pattern, const ContentOptions& options)
     pp->frameNumThreads = 1;   // anything more holds pictures back
     pp->bEnableAccessUnitDelimiters = 0;
     const int kbps = clipBitrate(w, h, options.frameRate) / 1000;
-    if (!set(pp, "bitrate", std::to_string(kbps)) || !set(pp, "vbv-maxrate", std::to_string(kbps)) ||
-        !set(pp, "vbv-bufsize", std::to_string(kbps)))
+    // No worker pool: its row-parallel encoding shares rows between threads without locks
+    // (helgrind reports them), which makes the encode depend on thread timing under load,
+    // and short clips encoded once do not need its speed.
+    if (!set(pp, "pools", "none") || !set(pp, "bitrate", std::to_string(kbps)) ||
+        !set(pp, "vbv-maxrate", std::to_string(kbps)) || !set(pp, "vbv-bufsize", std::to_string(kbps)))
         return {};
 
     std::unique_ptr<x265_encoder, EncoderDeleter> enc(x265_encoder_open(pp));

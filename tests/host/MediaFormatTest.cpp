@@ -35,11 +35,4 @@ TEST(MediaFormat, ConcurrentRegistrationGivesAListTheHostCanWalk)
     EXPECT_EQ(iterable.at(1).value<MediaFormat>(), list[1]);
 }
 
-TEST(MediaFormat, ExtractionFromForeignVariantGivesDefault)
-{
-    for (const QVariant& v : {QVariant(), QVariant(42), QVariant::fromValue(QList<MediaFormat>{})})
-        EXPECT_EQ(v.value<MediaFormat>(), MediaFormat()) << v.typeName();
-    EXPECT_EQ(QVariant::fromValue(videoFormat(6, 640, 480)).value<MediaFormat>(), videoFormat(6, 640, 480));
-}
-
 } // namespace

@@ -80,48 +80,30 @@ TEST_F(SimTest, ForcedKeyFrameFollowsWithinTheQueueDepth)
     EXPECT_EQ(std::count(key.begin() + 6, key.end(), true), 1) << "once, after the frames already filled";
 }
 
-struct PaceCase {
-    const char* model;
-    int frames;
-    double minSeconds, maxSeconds;
-    double interval; // expected between timestamps; 0: unthrottled
-};
-
-class Pacing : public SimTest, public ::testing::WithParamInterface<PaceCase> {};
-
-TEST_P(Pacing, FramesComeAtTheConfiguredRate)
+// Frames come at the configured rate, and timestamps keep the camera's rhythm, counting
+// any frame a slow reader made it drop. (Unthrottled cameras pace the element's tests.)
+TEST_F(SimTest, FramesComeAtTheConfiguredRate)
 {
-    const PaceCase& c = GetParam();
-    ScopedModel model(c.model);
+    ScopedModel model("yuyv,size=320x240,fps=50");
     Stream s(kFourccYUYV, 320, 240);
     ASSERT_EQ(s.error, 0) << s.failedAt;
     v4l2_buffer first{}, b{};
     ASSERT_EQ(s.dequeue(first), 0);
     ASSERT_EQ(s.requeue(first), 0);
     const auto start = Clock::now();
-    for (int i = 0; i < c.frames; ++i) {
+    for (int i = 0; i < 10; ++i) {
         ASSERT_EQ(s.dequeue(b), 0);
         ASSERT_EQ(s.requeue(b), 0);
     }
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    EXPECT_GT(seconds, c.minSeconds);
-    EXPECT_LT(seconds, c.maxSeconds);
-    if (c.interval > 0) {
-        // Timestamps keep the camera's rhythm, counting any frame a slow reader made it drop.
-        const double stamped = double(b.timestamp.tv_sec - first.timestamp.tv_sec) +
-                               double(b.timestamp.tv_usec - first.timestamp.tv_usec) / 1e6;
-        const uint32_t frames = b.sequence - first.sequence;
-        EXPECT_GE(frames, uint32_t(c.frames));
-        EXPECT_NEAR(stamped / frames, c.interval, c.interval * 0.3) << frames << " in " << stamped << " s";
-    }
+    EXPECT_GT(seconds, 0.15);
+    EXPECT_LT(seconds, 2.0);
+    const double stamped = double(b.timestamp.tv_sec - first.timestamp.tv_sec) +
+                           double(b.timestamp.tv_usec - first.timestamp.tv_usec) / 1e6;
+    const uint32_t frames = b.sequence - first.sequence;
+    EXPECT_GE(frames, 10u);
+    EXPECT_NEAR(stamped / frames, 0.02, 0.006) << frames << " in " << stamped << " s";
 }
-
-// Unthrottled only has to beat any pacing: 300 frames at 50 fps would take 6 s, and a
-// sanitizer build on a loaded machine needs about 2 s for the copies alone.
-INSTANTIATE_TEST_SUITE_P(Rates, Pacing,
-                         ::testing::Values(PaceCase{"yuyv,size=320x240,fps=50", 10, 0.15, 2.0, 0.02},
-                                           PaceCase{"yuyv,size=320x240,fps=0", 300, 0, 6.0, 0}),
-                         [](const auto& info) { return info.param.interval > 0 ? "Paced" : "Unthrottled"; });
 
 TEST_F(SimTest, FramesWithoutAQueuedBufferAreDropped)
 {

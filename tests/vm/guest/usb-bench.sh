@@ -15,8 +15,9 @@ BARE=$BIN/bare_capture
 [ -x "$BARE" ] || { skip "benchmark" "$BARE is not built"; finish; }
 need_camcap "benchmark" --frames --format --size --output --no-progress || finish
 
-# ticks PID: user + system clock ticks the process has used so far.
-ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat" 2>/dev/null || echo 0; }
+# cpu_ns PID: nanoseconds of CPU the process's threads have used so far (the scheduler's
+# own count, finer than the clock ticks of /proc/PID/stat).
+cpu_ns() { cat /proc/"$1"/task/*/schedstat 2>/dev/null | awk '{ n += $1 } END { printf "%d", n }'; }
 
 # cpu_us STARTED COMMAND...: runs it; CPU_US = its user + system microseconds from the
 # moment its log (bench-run.log) first shows STARTED (empty: from its start), so that
@@ -32,20 +33,20 @@ cpu_us() {
       until grep -q -- "$started" "$OUT/bench-run.log" || ! kill -0 "$pid" 2>/dev/null; do
         sleep 0.05
       done
-      setup=$(ticks "$pid")
+      setup=$(cpu_ns "$pid")
     fi
     wait "$pid"
     echo "status $? setup $setup"
     times
   )
   RUN_STATUS=$(sed -n 's/^status \([0-9]*\).*/\1/p' <<< "$t")
-  local setup_ticks hz
-  setup_ticks=$(sed -n 's/^status .* setup //p' <<< "$t")
-  hz=$(getconf CLK_TCK)
-  # `times` prints the subshell's children as "0m1.234s 0m0.567s".
-  CPU_US=$(tail -n 1 <<< "$t" | awk -v setup="$setup_ticks" -v hz="$hz" '{
+  local setup_ns
+  setup_ns=$(sed -n 's/^status .* setup //p' <<< "$t")
+  # `times` prints the subshell's children as "0m1.234s 0m0.567s"; their sum is the
+  # scheduler's count too (only the split between user and system is sampled).
+  CPU_US=$(tail -n 1 <<< "$t" | awk -v setup="$setup_ns" '{
     split($1, u, /[ms]/); split($2, s, /[ms]/)
-    printf "%d", (u[1] * 60 + u[2] + s[1] * 60 + s[2] - setup / hz) * 1e6 }')
+    printf "%d", (u[1] * 60 + u[2] + s[1] * 60 + s[2]) * 1e6 - setup / 1e3 }')
   cat "$OUT/bench-run.log" >> "$OUT/bench.log"
 }
 
