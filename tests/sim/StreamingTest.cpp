@@ -102,7 +102,9 @@ TEST_F(SimTest, FramesComeAtTheConfiguredRate)
                            double(b.timestamp.tv_usec - first.timestamp.tv_usec) / 1e6;
     const uint32_t frames = b.sequence - first.sequence;
     EXPECT_GE(frames, 10u);
-    EXPECT_NEAR(stamped / frames, 0.02, 0.006) << frames << " in " << stamped << " s";
+    // Wide enough for a clock thread that a loaded machine keeps waiting; a wrong period
+    // or a stamp per dequeue is off by far more.
+    EXPECT_NEAR(stamped / frames, 0.02, 0.01) << frames << " in " << stamped << " s";
 }
 
 TEST_F(SimTest, FramesWithoutAQueuedBufferAreDropped)
