@@ -103,7 +103,7 @@ TEST_F(SimTest, FramesComeAtTheConfiguredRate)
     const uint32_t frames = b.sequence - first.sequence;
     EXPECT_GE(frames, 10u);
     // Wide enough for a clock thread that a loaded machine keeps waiting; a wrong period
-    // or a stamp per dequeue is off by far more.
+    // (a unit slip, a halved or doubled rate) is off by far more.
     EXPECT_NEAR(stamped / frames, 0.02, 0.01) << frames << " in " << stamped << " s";
 }
 
