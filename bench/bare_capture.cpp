@@ -83,7 +83,7 @@ bool parse(int argc, char** argv, Options& o)
     return argc % 2 == 1 && fourccOf(o.format) && o.frames > 0;
 }
 
-long micros(const timeval& t) { return long(t.tv_sec) * 1000000 + t.tv_usec; }
+long long micros(const timeval& t) { return static_cast<long long>(t.tv_sec) * 1000000 + t.tv_usec; }
 
 struct MemDeleter {
     void operator()(Codec::MediaMem* m) const { Codec::MediaMem::destroy(m); }
@@ -150,7 +150,8 @@ int main(int argc, char** argv)
 
     // CPU counts over the whole run, set-up included, as it does for camcap; over a few
     // hundred frames the set-up is noise.
-    long got = 0, bytes = 0;
+    long got = 0;
+    long long bytes = 0;
     while (got < o.frames) {
         fd_set set;
         FD_ZERO(&set);
@@ -170,8 +171,10 @@ int main(int argc, char** argv)
                 continue;
             return fail("VIDIOC_DQBUF");
         }
-        if (b.index >= count || b.bytesused > buffers.frames[b.index].size)
-            return fail("driver answered a buffer out of range");
+        if (b.index >= count || b.bytesused > buffers.frames[b.index].size) {
+            std::fprintf(stderr, "bare_capture: driver answered buffer %u with %u bytes\n", b.index, b.bytesused);
+            return 1;
+        }
         if (!(b.flags & V4L2_BUF_FLAG_ERROR) && b.bytesused > 0) {
             const auto* data = static_cast<const char*>(buffers.frames[b.index].data);
             if (write(sink.get(), data, b.bytesused) != ssize_t(b.bytesused))
@@ -186,7 +189,7 @@ int main(int argc, char** argv)
 
     rusage ru{};
     getrusage(RUSAGE_SELF, &ru);
-    std::printf("bare_capture: %s %ux%u %ld frames, %ld bytes, %ld us user + %ld us system per frame\n",
+    std::printf("bare_capture: %s %ux%u %ld frames, %lld bytes, %lld us user + %lld us system per frame\n",
                 o.format.c_str(), o.width, o.height, got, bytes, micros(ru.ru_utime) / got,
                 micros(ru.ru_stime) / got);
     return 0;
