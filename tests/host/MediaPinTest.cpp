@@ -109,6 +109,8 @@ TEST(MediaPin, OversizedOrForeignFramesAreRefusedWithALogLine)
 {
     PinPair pins(1, 16);
     LogCapture log;
+    ASSERT_EQ(send(pins.output, "exactly 16 bytes"), PIN_OK);  // a full frame is fine
+    pins.input.release(pins.input.take(0));
     MediaFrame* frame = nullptr;
     ASSERT_EQ(pins.output.dequeue(&frame, 30, 0), PIN_OK);
     frame->setSize(17);
