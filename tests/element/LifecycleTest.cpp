@@ -87,10 +87,58 @@ TEST_F(Lifecycle, PlayStreamsUntilStopAndEveryPlayOpensAfresh)
         EXPECT_EQ(simcam::stats().opens.size(), size_t(round));
     }
     // Teardown order: threads joined, streaming off, buffers released, device closed.
-    for (const char* line : {"v4l2 stop begin \n", "thread stop\n", "video_frame over!\n", "thread stop end\n",
-                             "stream stop\n", "v4l2 stop end\n"})
-        EXPECT_EQ(log.count(line), 2) << line;
+    const std::vector<std::string> order = {"v4l2 stop begin \n", "thread stop\n", "video_frame over!\n",
+                                            "thread stop end\n", "stream stop\n", "v4l2 stop end\n"};
+    std::vector<std::string> seen;
+    for (const LogLine& line : log.lines())
+        for (const std::string& step : order)
+            if (line.text.size() >= step.size() && line.text.compare(line.text.size() - step.size(), step.size(), step) == 0)
+                seen.push_back(step);
+    std::vector<std::string> twice = order;
+    twice.insert(twice.end(), order.begin(), order.end());
+    EXPECT_EQ(seen, twice);
 }
+
+// The capture thread sits in its 1 s device wait (stalled camera) or its 3 s pause after a
+// failed dequeue (unplugged camera); stop, pause and deleting must not wait for either.
+struct StopCase {
+    const char* name;
+    bool unplugged;
+    int playedMs;
+    bool viaPause;
+};
+
+class StopsPromptly : public Lifecycle, public testing::WithParamInterface<StopCase> {};
+
+TEST_P(StopsPromptly, WhateverTheCaptureThreadWaitsFor)
+{
+    constexpr auto kBound = std::chrono::milliseconds(250);  // loose for sanitizers and emulation
+    simcam::Model model = smallCamera(kH264);
+    if (GetParam().unplugged) {
+        model.cameras[0].nodes[0].faults.dqbufErrno = ENODEV;
+        model.cameras[0].nodes[0].faults.dqbufAfter = 2;
+    } else {
+        model.cameras[0].nodes[0].faults.stall = true;
+    }
+    useCamera(model);
+    ASSERT_EQ(element->play(), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(GetParam().playedMs));
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(GetParam().viaPause ? element->pause() : element->stop(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, kBound);
+    EXPECT_EQ(element->getState(), 2);
+    start = std::chrono::steady_clock::now();
+    element.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, kBound);
+    EXPECT_EQ(simcam::stats().openDescriptors, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cameras, StopsPromptly,
+    testing::Values(StopCase{"Stalled1200", false, 1200, false}, StopCase{"Stalled2000", false, 2000, true},
+                    StopCase{"Stalled2500", false, 2500, false}, StopCase{"Unplugged1200", true, 1200, true},
+                    StopCase{"Unplugged2000", true, 2000, false}, StopCase{"Unplugged2500", true, 2500, false}),
+    [](const testing::TestParamInfo<StopCase>& info) { return std::string(info.param.name); });
 
 TEST_F(Lifecycle, PlayWhilePlayingIsRefusedQuietly)
 {
