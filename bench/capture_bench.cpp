@@ -6,7 +6,8 @@
 // Throughput: the camera runs unthrottled, as fast as the element hands buffers back.
 // Latency: the camera runs at 60 fps so that nothing queues, and each frame's arrival on
 // the pin is compared with the moment the camera made it ready. Heap allocations and minor
-// page faults are counted in the element's own threads over the same paced window.
+// page faults are counted in the element's own threads over the same paced window (the
+// simulated camera's ioctl bookkeeping and the pin stand-in run in those threads too).
 // Stop time: how long stop() takes on a stalled and on an unplugged camera.
 
 #include <sys/prctl.h>
