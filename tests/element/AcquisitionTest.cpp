@@ -194,7 +194,6 @@ struct DirectCase {
     unsigned capacity;
     bool empty;
     int expectedSize;  // -1: untouched
-    bool error;
 };
 
 class DirectRead : public Acquisition, public testing::WithParamInterface<DirectCase> {};
@@ -212,15 +211,14 @@ TEST_P(DirectRead, ReportsAndCopiesAtMostTheFramesCapacity)
     if (c.expectedSize > 0) {
         EXPECT_EQ(Bytes(frame.bytes(), frame.bytes() + frame.size()), payload);
     }
-    EXPECT_EQ(log.contains("******************************* VIDIOC_DQBUF failed"), c.error);
     EXPECT_EQ(simcam::stats().buffersDequeued, 0);  // the buffer always goes back
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, DirectRead,
-                         testing::Values(DirectCase{"Fits", 1000, 4096, false, 1000, false},
-                                         DirectCase{"Exact", 4096, 4096, false, 4096, false},
-                                         DirectCase{"TooLarge", 4097, 4096, false, 0, true},
-                                         DirectCase{"Empty", 0, 4096, true, -1, false}),
+                         testing::Values(DirectCase{"Fits", 1000, 4096, false, 1000},
+                                         DirectCase{"Exact", 4096, 4096, false, 4096},
+                                         DirectCase{"TooLarge", 4097, 4096, false, 0},
+                                         DirectCase{"Empty", 0, 4096, true, -1}),
                          [](const testing::TestParamInfo<DirectCase>& info) { return std::string(info.param.name); });
 
 // ---- controls -------------------------------------------------------------------------
