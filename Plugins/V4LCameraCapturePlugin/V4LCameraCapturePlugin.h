@@ -120,6 +120,8 @@ private:
     // The capture frame behind a dequeued buffer and how many of its bytes may be read;
     // null when the index has no frame.
     Codec::MediaFrame* capturedFrame(const v4l2_buffer& buf, uint32_t* bytes, const char* caller);
+    // The capture loop and its steps take the run's format, read once when the run begins,
+    // so the host may set the next one meanwhile.
     int readCoded(const CaptureFormat* format);
     void configureEncoder(const CaptureFormat* format);
     void runCapture(const CaptureFormat* format);
