@@ -2,15 +2,19 @@
 // Every diagnostic is one host log call whose format starts "%s:%d LEVEL: " with the
 // enclosing function's name and the source line.
 
+#include <cstring>
+
 #include "Logger.h"
 
 #define ELEMENT_LOG(level, format, ...) \
     Logger::logger_printf(level, format, __func__, __LINE__, ##__VA_ARGS__)
 
-enum : uint32_t {
-    FOURCC_H264 = 0x34363248,  // "H264"
-    FOURCC_HEVC = 0x43564548,  // "HEVC"
-    FOURCC_MJPG = 0x47504a4d,  // "MJPG"
-    FOURCC_YUYV = 0x56595559,  // "YUYV"
-    FOURCC_NV12 = 0x3231564e,  // "NV12"
-};
+// The system's reason for a failure just logged, on a line of its own (err: an errno value).
+#define ELEMENT_LOG_REASON(err) \
+    Logger::logger_printf(0, "%s:%d ERROR: reason: %s\n", __func__, __LINE__, std::strerror(err))
+
+// The same, for steps that log under their caller's name.
+inline void logReason(const char* function, int line, int err)
+{
+    Logger::logger_printf(0, "%s:%d ERROR: reason: %s\n", function, line, std::strerror(err));
+}

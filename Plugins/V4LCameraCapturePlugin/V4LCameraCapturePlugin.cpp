@@ -2,12 +2,16 @@
 
 #include "V4LCameraCapturePlugin.h"
 
+#include <linux/videodev2.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <QMetaObject>
 #include <cstdlib>
 
+#include "CaptureFormats.h"
 #include "ElementLog.h"
+#include "UniqueFd.h"
 
 extern "C" {
 Q_DECL_EXPORT int log_level = 0;
@@ -20,7 +24,7 @@ V4LCameraCapturePlugin::V4LCameraCapturePlugin() : IMediaElement(nullptr)
 {
     m_outputPin = new MediaOutputPin(MAJOR_TYPE_VIDEO, MINOR_TYPE_CODED, CODEC_TYPE_H264,
                                      RAW_TYPE_NONE, this);
-    m_format = FOURCC_H264;
+    m_format = V4L2_PIX_FMT_H264;
     m_workThread = new QThread();
     m_worker = new QObject();
     m_worker->moveToThread(m_workThread);
@@ -81,32 +85,33 @@ int V4LCameraCapturePlugin::activeOutPin(MediaOutputPin* pin, MediaFormat format
     Q_UNUSED(pin)
     m_width = format.width;
     m_height = format.height;
-    switch (format.codecType) {
-    case CODEC_TYPE_H264: m_format = FOURCC_H264; return 0;
-    case CODEC_TYPE_MJPEG: m_format = FOURCC_MJPG; return 0;
-    case CODEC_TYPE_HEVC: m_format = FOURCC_HEVC; return 0;
-    default:
+    // The pin carries coded video: raw capture is only chosen by negotiation.
+    const CaptureFormat* chosen = captureFormatForCodec(format.codecType);
+    if (!chosen || chosen->raw) {
         ELEMENT_LOG(0, "%s:%d ERROR: activeOutPin failed -1\n\n");
         return -1;
     }
+    m_format = chosen->fourcc;
+    return 0;
 }
 
 // ---- attributes ---------------------------------------------------------------------
 
 namespace {
 
-// Negotiation order for an H.264 request: a camera's own H.264 first, then raw formats we
-// encode ourselves (NV12 before YUYV), and MJPEG last.
-struct Preference {
-    int codecType;
-    uint32_t fourcc;
-};
-const Preference kPreferences[] = {
-    {CODEC_TYPE_H264, FOURCC_H264},
-    {CODEC_TYPE_NV12, FOURCC_NV12},
-    {CODEC_TYPE_YUYV, FOURCC_YUYV},
-    {CODEC_TYPE_MJPEG, FOURCC_MJPG},
-};
+// The first negotiable format, in table order, that the camera offers at the requested size.
+const CaptureFormat* preferredFormat(const QList<MediaFormat>& offered, int width, int height)
+{
+    for (const CaptureFormat& candidate : kCaptureFormats) {
+        if (!candidate.negotiable)
+            continue;
+        for (const MediaFormat& entry : offered) {
+            if (entry.codecType == candidate.codecType && entry.width == width && entry.height == height)
+                return &candidate;
+        }
+    }
+    return nullptr;
+}
 
 } // namespace
 
@@ -120,28 +125,16 @@ int V4LCameraCapturePlugin::setAttribute(QString key, QVariant value)
         if (format.codecType == CODEC_TYPE_H264) {
             int fd = -1;
             v4l2_dev_open(&fd);
-            const QList<MediaFormat> offered = listCameraFormat(fd);
-            if (fd >= 0)
-                ::close(fd);
-            bool found = false;
-            for (const Preference& preference : kPreferences) {
-                for (const MediaFormat& entry : offered) {
-                    if (entry.codecType == preference.codecType && entry.width == format.width &&
-                        entry.height == format.height) {
-                        m_format = preference.fourcc;
-                        found = true;
-                        break;
-                    }
-                }
-                if (found)
-                    break;
+            QList<MediaFormat> offered;
+            {
+                const UniqueFd probe(fd);
+                offered = listCameraFormat(probe.get());
             }
-        } else if (format.codecType == CODEC_TYPE_MJPEG) {
-            m_format = FOURCC_MJPG;
-        } else if (format.codecType == CODEC_TYPE_HEVC) {
-            m_format = FOURCC_HEVC;
+            if (const CaptureFormat* chosen = preferredFormat(offered, format.width, format.height))
+                m_format = chosen->fourcc;
         } else {
-            m_format = FOURCC_H264;
+            const CaptureFormat* named = captureFormatForCodec(format.codecType);
+            m_format = named && !named->raw ? named->fourcc : V4L2_PIX_FMT_H264;
         }
         ELEMENT_LOG(2, "%s:%d INFO: req atts formate:=%d w:=%d h:=%d\n", format.codecType,
                     format.width, format.height);
@@ -168,10 +161,8 @@ QVariant V4LCameraCapturePlugin::getAttribute(QString key)
         formats = listCameraFormat(m_fd);
     } else {
         int fd = -1;
-        if (v4l2_dev_open(&fd) == 0) {
-            formats = listCameraFormat(fd);
-            ::close(fd);
-        }
+        if (v4l2_dev_open(&fd) == 0)
+            formats = listCameraFormat(UniqueFd(fd).get());
     }
     return QVariant::fromValue(formats);
 }
@@ -205,21 +196,29 @@ int V4LCameraCapturePlugin::play()
         ELEMENT_LOG(0, "%s:%d ERROR: dev open failed\n\n");
         return -1;
     }
-    if (v4l2_set_format() < 0) {
-        ELEMENT_LOG(0, "%s:%d ERROR: set format failed\n\n");
+    // Until the capture thread runs, a failed step gives back the device and whatever
+    // buffers were made: no DMA-BUF descriptor may outlive a failed play.
+    auto giveBack = [this] {
+        v4l2_release_buffer();
         ::close(m_fd);
         m_fd = -1;
         return -1;
+    };
+    if (v4l2_set_format() < 0) {
+        ELEMENT_LOG(0, "%s:%d ERROR: set format failed\n\n");
+        return giveBack();
     }
     if (v4l2_init_buffer() < 0) {
         ELEMENT_LOG(0, "%s:%d ERROR: v4l2_stream_on#v4l2_init_buffer() failed\n\n");
-        v4l2_release_buffer();  // no DMA-BUF descriptor may outlive a failed play
-        ::close(m_fd);
-        m_fd = -1;
-        return -1;
+        return giveBack();
     }
+    // The run keeps the format it started with, whatever the host sets meanwhile.
+    const CaptureFormat* format = captureFormatOf(m_format);
     m_running = true;
-    m_captureThread = std::thread(&V4LCameraCapturePlugin::video_frame, this);
+    m_captureThread = std::thread([this, format] {
+        pthread_setname_np(pthread_self(), "cam-capture");
+        runCapture(format);
+    });
     m_state = 3;
     return 0;
 }
@@ -240,6 +239,8 @@ int V4LCameraCapturePlugin::stop()
         m_running = false;
     }
     m_sendCond.notify_all();
+    // Wakes the capture thread from its device wait or its pause after a failed read.
+    m_stopSignal.raise();
     if (m_captureThread.joinable()) {
         ELEMENT_LOG(2, "%s:%d INFO: thread stop\n");
         try {
@@ -248,6 +249,8 @@ int V4LCameraCapturePlugin::stop()
         }
         ELEMENT_LOG(2, "%s:%d INFO: thread stop end\n");
     }
+    // Direct reads outside a run wait their full time again.
+    m_stopSignal.clear();
     if (m_fd > 0) {
         ELEMENT_LOG(4, "%s:%d DEBUG: stream stop\n");
         v4l2_stream_off();

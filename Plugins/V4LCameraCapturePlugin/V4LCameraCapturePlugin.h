@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "Codec/MediaBuffer.h"
 #include "Codec/MediaCodec.h"
@@ -21,8 +22,10 @@
 #include "IMediaElement.h"
 #include "MediaFrame.h"
 #include "MediaPin.h"
+#include "StopSignal.h"
 
 struct v4l2_buffer;
+struct CaptureFormat;
 
 // Copies n bytes; on ARM with NEON it moves 64 bytes per step through d0-d7.
 void memcpy_neon(void* dst, const void* src, int n);
@@ -40,7 +43,8 @@ class V4LCameraCapturePlugin : public IMediaElement {
     Q_INTERFACES(IMediaElement)
 
 public:
-    // One coded frame on its way to the output pin: owned bytes and their length.
+    // One coded frame on its way to the output pin: owned bytes and their length. The
+    // element recycles spent entries, so their storage only ever grows.
     class SendBuffer {
     public:
         SendBuffer(void* source, unsigned int length);
@@ -48,8 +52,14 @@ public:
         SendBuffer(const SendBuffer&) = delete;
         SendBuffer& operator=(const SendBuffer&) = delete;
 
+        // Copies length bytes in, reallocating only when they do not fit.
+        void assign(const void* source, unsigned int length);
+
         uint8_t* data;
         uint32_t size;
+
+    private:
+        uint32_t m_capacity;
     };
 
     V4LCameraCapturePlugin();
@@ -102,18 +112,26 @@ signals:
     void sigQuit();
 
 private:
-    // Steps every read shares; `caller` names the read in its log lines.
-    bool waitReadable(const char* caller);
-    bool dequeueBuffer(v4l2_buffer* buf, const char* caller, const char* failFormat);
+    // Steps every read shares; `caller` names the read in its log lines. Each returns 0 or
+    // -errno.
+    int waitReadable(const char* caller);
+    int dequeueBuffer(v4l2_buffer* buf, const char* caller, const char* failFormat);
     int requeueBuffer(v4l2_buffer* buf, const char* caller);
     // The capture frame behind a dequeued buffer and how many of its bytes may be read;
     // null when the index has no frame.
     Codec::MediaFrame* capturedFrame(const v4l2_buffer& buf, uint32_t* bytes, const char* caller);
+    // The capture loop and its steps take the run's format, read once when the run begins,
+    // so the host may set the next one meanwhile.
+    int readCoded(const CaptureFormat* format);
+    void configureEncoder(const CaptureFormat* format);
+    void runCapture(const CaptureFormat* format);
 
     // Send queue: append one frame and wake the sender; length; drop everything.
     void pushSendBuffer(const void* source, unsigned int length);
     size_t sendQueueLength();
     void flushSendQueue();
+    // Gives a sent or dropped entry's storage back for the next push.
+    void recycle(std::unique_ptr<SendBuffer> entry);
 
 public:
     // Fields, in this order; the capture loop, the sender and tests read them by name.
@@ -136,4 +154,9 @@ public:
     std::mutex m_sendMutex;
     std::deque<std::unique_ptr<SendBuffer>> m_sendQueue;
     std::condition_variable m_sendCond;
+
+private:
+    std::thread m_senderThread;       // runs beside the capture thread, joined by it
+    StopSignal m_stopSignal;          // cuts the capture thread's waits short on stop
+    std::vector<std::unique_ptr<SendBuffer>> m_spareBuffers;  // guarded by m_sendMutex
 };

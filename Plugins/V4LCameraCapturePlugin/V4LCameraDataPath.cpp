@@ -4,19 +4,28 @@
 #include "V4LCameraCapturePlugin.h"
 
 #include <linux/videodev2.h>
+#include <pthread.h>
 #include <sys/ioctl.h>
 
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <utility>
 
+#include "CaptureFormats.h"
 #include "ElementLog.h"
 
 namespace {
-constexpr size_t kEncodedBacklog = 19;  // more waiting than this: drop pictures unencoded
+// Twenty packets waiting is most of a second at 30 fps: encoding more only deepens the lag.
+constexpr size_t kEncodedBacklog = 19;
+// Five minutes of one-second waits on a silent camera, or seconds of a failing one.
 constexpr int kQuitAfterFailures = 300;
-
-bool isRawFormat(uint32_t format) { return format == FOURCC_YUYV || format == FOURCC_NV12; }
+// Spent send entries kept for reuse: what is in flight between capture and pin at once.
+constexpr size_t kSpareBuffers = 4;
+// Encoder: a key frame every two seconds at 30 fps, rate control on, 7 Mbit/s for 1080p.
+constexpr unsigned kKeyFrameInterval = 60;
+constexpr unsigned kRateControlOn = 1;
+constexpr unsigned kBitRate = 7 * 1024 * 1024;
 } // namespace
 
 // ---- memcpy_neon --------------------------------------------------------------------
@@ -66,20 +75,50 @@ void memcpy_neon(void* dst, const void* src, int n)
 // ---- send queue ---------------------------------------------------------------------
 
 V4LCameraCapturePlugin::SendBuffer::SendBuffer(void* source, unsigned int length)
-    : data(new uint8_t[length]), size(length)
+    : data(new uint8_t[length]), size(length), m_capacity(length)
 {
     memcpy_neon(data, source, int(length));
 }
 
 V4LCameraCapturePlugin::SendBuffer::~SendBuffer() { delete[] data; }
 
+void V4LCameraCapturePlugin::SendBuffer::assign(const void* source, unsigned int length)
+{
+    if (length > m_capacity) {
+        auto* grown = new uint8_t[length];
+        delete[] data;
+        data = grown;
+        m_capacity = length;
+    }
+    size = length;
+    memcpy_neon(data, source, int(length));
+}
+
 void V4LCameraCapturePlugin::pushSendBuffer(const void* source, unsigned int length)
 {
-    // The copy happens before the lock, so the sender is never held up by it.
-    std::unique_ptr<SendBuffer> entry(new SendBuffer(const_cast<void*>(source), length));
+    std::unique_ptr<SendBuffer> entry;
+    {
+        std::lock_guard<std::mutex> lock(m_sendMutex);
+        if (!m_spareBuffers.empty()) {
+            entry = std::move(m_spareBuffers.back());
+            m_spareBuffers.pop_back();
+        }
+    }
+    // The copy happens outside the lock, so the sender is never held up by it.
+    if (entry)
+        entry->assign(source, length);
+    else
+        entry.reset(new SendBuffer(const_cast<void*>(source), length));
     std::lock_guard<std::mutex> lock(m_sendMutex);
     m_sendQueue.push_back(std::move(entry));
     m_sendCond.notify_one();
+}
+
+void V4LCameraCapturePlugin::recycle(std::unique_ptr<SendBuffer> entry)
+{
+    std::lock_guard<std::mutex> lock(m_sendMutex);
+    if (m_spareBuffers.size() < kSpareBuffers)
+        m_spareBuffers.push_back(std::move(entry));
 }
 
 size_t V4LCameraCapturePlugin::sendQueueLength()
@@ -93,6 +132,11 @@ void V4LCameraCapturePlugin::flushSendQueue()
     std::lock_guard<std::mutex> lock(m_sendMutex);
     std::deque<std::unique_ptr<SendBuffer>> dropped;
     dropped.swap(m_sendQueue);
+    for (auto& entry : dropped) {
+        if (m_spareBuffers.size() == kSpareBuffers)
+            break;
+        m_spareBuffers.push_back(std::move(entry));
+    }
     dropped.clear();
 }
 
@@ -101,20 +145,22 @@ void V4LCameraCapturePlugin::flushSendQueue()
 void V4LCameraCapturePlugin::video_send_frame()
 {
     int connection = 0;
+    // A pin frame too small for its entry is kept for the next one: the pin takes frames
+    // back only through queue(), and a size beyond capacity() must never reach it.
+    MediaFrame* unused = nullptr;
     while (m_running) {
         std::unique_ptr<SendBuffer> entry;
         {
             std::unique_lock<std::mutex> lock(m_sendMutex);
             m_sendCond.wait(lock, [this] { return !m_running || !m_sendQueue.empty(); });
             if (!m_running)
-                return;
+                break;
             entry = std::move(m_sendQueue.front());
             m_sendQueue.pop_front();
         }
 
-        MediaFrame* frame = nullptr;
-        for (;;) {
-            frame = nullptr;
+        MediaFrame* frame = std::exchange(unused, nullptr);
+        while (!frame) {
             const int r = m_outputPin->dequeue(&frame, 30, 0);
             if (r == -2) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(30));
@@ -136,43 +182,52 @@ void V4LCameraCapturePlugin::video_send_frame()
             break;
         }
 
-        if (frame) {
+        if (frame && entry->size > frame->capacity()) {
+            ELEMENT_LOG(1, "%s:%d WARN: frame of %u bytes exceeds the pin's %u, dropped\n", entry->size,
+                        frame->capacity());
+            unused = frame;
+        } else if (frame) {
             frame->setSize(int(entry->size));
-            // The pin refuses an oversized frame; never write past its storage.
-            if (entry->size <= frame->capacity())
-                std::memcpy(frame->data(), entry->data, entry->size);
+            std::memcpy(frame->data(), entry->data, entry->size);
             m_outputPin->queue(frame);
         }
+        recycle(std::move(entry));
+    }
+    if (unused) {
+        unused->setSize(0);
+        m_outputPin->queue(unused);
     }
 }
 
 // ---- encoder path -------------------------------------------------------------------
 
-void V4LCameraCapturePlugin::initEncoder()
+void V4LCameraCapturePlugin::initEncoder() { configureEncoder(captureFormatOf(m_format)); }
+
+void V4LCameraCapturePlugin::configureEncoder(const CaptureFormat* format)
 {
-    ELEMENT_LOG(4, "%s:%d DEBUG: init encoder\n");
+    static const char* const name = "initEncoder";
+    Logger::logger_printf(4, "%s:%d DEBUG: init encoder\n", name, __LINE__);
     m_encoder = Codec::MediaCodec::createEncoder(Codec::CODEC_H264);
     if (!m_encoder) {
-        ELEMENT_LOG(0, "%s:%d ERROR: no encoder available\n\n");
+        Logger::logger_printf(0, "%s:%d ERROR: no encoder available\n\n", name, __LINE__);
         return;
     }
-    if (m_format == FOURCC_YUYV)
-        m_encoder->set(Codec::CONFIG_INPUT_FORMAT, 1);
-    else if (m_format == FOURCC_NV12)
-        m_encoder->set(Codec::CONFIG_INPUT_FORMAT, 0);
+    const bool raw = format && format->raw;
+    if (raw)
+        m_encoder->set(Codec::CONFIG_INPUT_FORMAT, unsigned(format->pictureFormat));
     m_encoder->set(Codec::CONFIG_WIDTH, unsigned(m_width));
     m_encoder->set(Codec::CONFIG_HEIGHT, unsigned(m_height));
-    m_encoder->set(Codec::CONFIG_HOR_STRIDE, unsigned(m_format == FOURCC_YUYV ? 2 * m_width : m_width));
+    m_encoder->set(Codec::CONFIG_HOR_STRIDE, unsigned((raw ? format->bytesPerPixel : 1) * m_width));
     m_encoder->set(Codec::CONFIG_VER_STRIDE, unsigned(m_height));
     m_encoder->set(Codec::CONFIG_INPUT_FPS_NUM, unsigned(m_frameRateNum));
     m_encoder->set(Codec::CONFIG_INPUT_FPS_DEN, unsigned(m_frameRateDen));
     m_encoder->set(Codec::CONFIG_OUTPUT_FPS_NUM, unsigned(m_frameRateNum));
     m_encoder->set(Codec::CONFIG_OUTPUT_FPS_DEN, unsigned(m_frameRateDen));
-    m_encoder->set(Codec::CONFIG_GOP, 60);
-    m_encoder->set(Codec::CONFIG_RATE_CONTROL, 1);
-    m_encoder->set(Codec::CONFIG_BITRATE, 7340032);
+    m_encoder->set(Codec::CONFIG_GOP, kKeyFrameInterval);
+    m_encoder->set(Codec::CONFIG_RATE_CONTROL, kRateControlOn);
+    m_encoder->set(Codec::CONFIG_BITRATE, kBitRate);
     m_encoder->configure();
-    ELEMENT_LOG(4, "%s:%d DEBUG: init encoder done\n");
+    Logger::logger_printf(4, "%s:%d DEBUG: init encoder done\n", name, __LINE__);
 }
 
 void V4LCameraCapturePlugin::deinitEncoder()
@@ -187,13 +242,13 @@ void V4LCameraCapturePlugin::deinitEncoder()
 
 int V4LCameraCapturePlugin::v4l2_get_one_frame_yuv()
 {
-    if (!waitReadable(__func__))
+    if (waitReadable(__func__) < 0)
         return -1;
     v4l2_buffer buf;
-    if (!dequeueBuffer(&buf, __func__, "%s:%d ERROR: VIDIOC_DQBUF failed\n\n"))
+    if (dequeueBuffer(&buf, __func__, "%s:%d ERROR: VIDIOC_DQBUF failed\n\n") < 0)
         return -1;
     if (buf.bytesused == 0 || sendQueueLength() > kEncodedBacklog)
-        return requeueBuffer(&buf, __func__);
+        return requeueBuffer(&buf, __func__) < 0 ? -1 : 0;
 
     uint32_t bytes = 0;
     Codec::MediaFrame* frame = capturedFrame(buf, &bytes, __func__);
@@ -209,48 +264,58 @@ int V4LCameraCapturePlugin::v4l2_get_one_frame_yuv()
         // A buffer is ours once received, whatever the status says.
         delete packet->buffer;
     }
-    return requeueBuffer(&buf, __func__);
+    return requeueBuffer(&buf, __func__) < 0 ? -1 : 0;
 }
 
 // ---- capture loop -------------------------------------------------------------------
 
-void V4LCameraCapturePlugin::video_frame()
+void V4LCameraCapturePlugin::video_frame() { runCapture(captureFormatOf(m_format)); }
+
+// One run reads its format once: the host may set another meanwhile, for the next play.
+void V4LCameraCapturePlugin::runCapture(const CaptureFormat* format)
 {
+    static const char* const name = "video_frame";
     if (v4l2_stream_on() < 0) {
-        ELEMENT_LOG(2, "%s:%d INFO: V4LCameraCapturePlugin::video_frame 3!\n");
+        Logger::logger_printf(2, "%s:%d INFO: V4LCameraCapturePlugin::video_frame 3!\n", name, __LINE__);
         return;
     }
-    ELEMENT_LOG(2, "%s:%d INFO: V4LCameraCapturePlugin::video_frame play state: %d\n", int(m_running.load()));
-    if (isRawFormat(m_format))
-        initEncoder();
-    std::thread sender(std::bind(&V4LCameraCapturePlugin::video_send_frame, this));
+    Logger::logger_printf(2, "%s:%d INFO: V4LCameraCapturePlugin::video_frame play state: %d\n", name, __LINE__,
+                          int(m_running.load()));
+    const bool raw = format && format->raw;
+    if (raw)
+        configureEncoder(format);
+    m_senderThread = std::thread([this] {
+        pthread_setname_np(pthread_self(), "cam-sender");
+        video_send_frame();
+    });
 
     int failures = 0;
     bool firstFramePending = true;
     while (m_running) {
-        const uint32_t format = m_format;
-        int result = -1;
-        if (format == FOURCC_H264 || format == FOURCC_MJPG || format == FOURCC_HEVC)
-            result = v4l2_get_one_frame2();
-        else if (isRawFormat(format))
+        int result = -1;  // a format the element cannot read fails every pass
+        if (raw)
             result = v4l2_get_one_frame_yuv();
+        else if (format)
+            result = readCoded(format);
 
         if (result == 0) {
             if (firstFramePending) {
-                ELEMENT_LOG(2, "%s:%d INFO: V4LCameraCapturePlugin::video_frame v4l2_get_one_frame2 got a frame!\n");
+                Logger::logger_printf(
+                    2, "%s:%d INFO: V4LCameraCapturePlugin::video_frame v4l2_get_one_frame2 got a frame!\n", name,
+                    __LINE__);
                 emit mediaEvent(QStringLiteral("event.camera.gotframe"), QVariant());
                 firstFramePending = false;
             }
             failures = 0;
         } else if (++failures > kQuitAfterFailures) {
-            ELEMENT_LOG(1, "%s:%d WARN: v4l2_get_one_frame2 error > 300 quit!\n");
+            Logger::logger_printf(1, "%s:%d WARN: v4l2_get_one_frame2 error > 300 quit!\n", name, __LINE__);
             emit sigQuit();
         }
     }
 
-    if (sender.joinable())
-        sender.join();
-    if (isRawFormat(m_format))
+    if (m_senderThread.joinable())
+        m_senderThread.join();
+    if (raw)
         deinitEncoder();
-    ELEMENT_LOG(2, "%s:%d INFO: video_frame over!\n");
+    Logger::logger_printf(2, "%s:%d INFO: video_frame over!\n", name, __LINE__);
 }

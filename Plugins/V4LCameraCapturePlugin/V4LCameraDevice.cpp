@@ -17,14 +17,15 @@
 #include <QFileInfo>
 #include <QPair>
 #include <algorithm>
-#include <cassert>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
+#include "CaptureFormats.h"
 #include "ElementLog.h"
 #include "FrameRanges.h"
+#include "UniqueFd.h"
 
 namespace {
 
@@ -121,14 +122,15 @@ void resetUsbCameraPri()
     const QString dev = (QStringLiteral("000000") + QString::fromUtf8(devnum)).right(3);
     const QByteArray usbPath = (QStringLiteral("/dev/bus/usb/") + bus + QLatin1Char('/') + dev).toUtf8();
 
-    const int fd = ::open(usbPath.constData(), O_WRONLY);
-    if (fd < 0) {
+    const UniqueFd usb(::open(usbPath.constData(), O_WRONLY));
+    if (!usb) {
+        const int err = errno;
         ELEMENT_LOG(0, "%s:%d ERROR: resetUsbCamera failed -3\n\n");
+        ELEMENT_LOG_REASON(err);
         return;
     }
-    const int result = ioctl(fd, USBDEVFS_RESET, 0);
+    const int result = ioctl(usb.get(), USBDEVFS_RESET, 0);
     ELEMENT_LOG(2, "%s:%d INFO: ************* resetUsbCamera  result = %d *************\n", result);
-    ::close(fd);
 }
 
 QByteArray fourccText(uint32_t fourcc)
@@ -138,28 +140,21 @@ QByteArray fourccText(uint32_t fourcc)
     return QByteArray(text, 4);
 }
 
-int codecTypeOf(uint32_t pixelformat)
-{
-    switch (pixelformat) {
-    case V4L2_PIX_FMT_H264: return CODEC_TYPE_H264;
-    case V4L2_PIX_FMT_HEVC: return CODEC_TYPE_HEVC;
-    case V4L2_PIX_FMT_MJPEG: return CODEC_TYPE_MJPEG;
-    case V4L2_PIX_FMT_YUYV: return CODEC_TYPE_YUYV;
-    case V4L2_PIX_FMT_NV12: return CODEC_TYPE_NV12;
-    default: return CODEC_TYPE_NONE;
-    }
-}
-
 } // namespace
 
 // ---- open ---------------------------------------------------------------------------
 
 int V4LCameraCapturePlugin::v4l2_dev_open()
 {
+    // A descriptor still open from an earlier call would otherwise be lost.
+    if (m_fd >= 0)
+        ::close(m_fd);
     const QString path = v4l2_node_name();
     m_fd = ::open(path.isEmpty() ? "/dev/video0" : path.toUtf8().constData(), O_RDWR | O_NONBLOCK);
     if (m_fd < 0) {
+        const int err = errno;
         ELEMENT_LOG(0, "%s:%d ERROR: open camera failed\n\n");
+        ELEMENT_LOG_REASON(err);
         resetUsbCamera();
         return -1;
     }
@@ -174,12 +169,15 @@ int V4LCameraCapturePlugin::v4l2_dev_open()
 
 int V4LCameraCapturePlugin::v4l2_dev_open(int* fd)
 {
-    assert(fd != nullptr);
+    if (fd == nullptr)
+        return -1;
     *fd = -1;
     const QString path = v4l2_node_name();
     *fd = ::open(path.isEmpty() ? "/dev/video0" : path.toUtf8().constData(), O_RDONLY);
     if (*fd < 0) {
+        const int err = errno;
         ELEMENT_LOG(0, "%s:%d ERROR: open camera failed  v4l2_dev_open(int)\n\n");
+        ELEMENT_LOG_REASON(err);
         return -1;
     }
     if (canCapture(*fd))
@@ -231,10 +229,9 @@ QList<MediaFormat> V4LCameraCapturePlugin::listCameraFormat(int fd)
                     text += "[" + QByteArray::number(pair.first) + "/" + QByteArray::number(pair.second) + "]";
                 ELEMENT_LOG(4, "%s:%d DEBUG:     size:%dx%d %s\n", width, height, text.constData());
 
-                const int codec = codecTypeOf(fmt.pixelformat);
-                if (codec != CODEC_TYPE_NONE) {
+                if (const CaptureFormat* known = captureFormatOf(fmt.pixelformat)) {
                     MediaFormat entry;
-                    entry.codecType = codec;
+                    entry.codecType = known->codecType;
                     entry.width = width;
                     entry.height = height;
                     formats.append(entry);

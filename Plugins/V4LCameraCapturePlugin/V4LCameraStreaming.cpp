@@ -11,15 +11,26 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include "Bitstream.h"
+#include "CaptureFormats.h"
 #include "ElementLog.h"
 
 namespace {
 
 constexpr unsigned kSlots = 4;
+// About 7 s of video at 30 fps: a consumer this far behind is resynchronised.
 constexpr size_t kH264Backlog = 200;
+// The camera firmware's extension unit that answers the vendor controls.
+constexpr uint8_t kExtensionUnit = 9;
+// A failed dequeue usually means a camera resetting or gone: give it time before retrying.
+constexpr std::chrono::seconds kDequeueFailurePause{3};
+
+// 0, or the driver's -errno.
+int xioctl(int fd, unsigned long request, void* arg) { return ioctl(fd, request, arg) < 0 ? -errno : 0; }
 
 int align16(int x) { return (x + 15) & ~15; }
 
@@ -43,7 +54,7 @@ int uvcExtensionQuery(int fd, int selector, void* data, unsigned int size, uint8
         return -1;
     uvc_xu_control_query xu;
     std::memset(&xu, 0, sizeof xu);
-    xu.unit = 9;
+    xu.unit = kExtensionUnit;
     xu.selector = uint8_t(selector);
     xu.query = query;
     xu.size = uint16_t(size);
@@ -62,8 +73,10 @@ int V4LCameraCapturePlugin::v4l2_init_buffer()
     req.count = kSlots;
     req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     req.memory = V4L2_MEMORY_DMABUF;
-    if (ioctl(m_fd, VIDIOC_REQBUFS, &req) < 0) {
+    int err = xioctl(m_fd, VIDIOC_REQBUFS, &req);
+    if (err < 0) {
         ELEMENT_LOG(0, "%s:%d ERROR: request buffer failed\n\n");
+        ELEMENT_LOG_REASON(-err);
         return -1;
     }
     unsigned granted = req.count;
@@ -73,16 +86,19 @@ int V4LCameraCapturePlugin::v4l2_init_buffer()
         granted = kSlots;
     }
 
-    // A setup that failed earlier may have left an allocator; its frames free themselves.
-    Codec::MediaMem::destroy(m_mediaMem);
+    // What an earlier setup left goes first: its frames before the allocator they came from.
+    v4l2_release_buffer();
     m_mediaMem = Codec::MediaMem::create(Codec::MEDIA_BUFFER_TYPE_DMA);
+    const CaptureFormat* format = captureFormatOf(m_format);
 
     for (unsigned i = 0; i < granted; ++i) {
         v4l2_buffer buf;
         clearBuffer(&buf);
         buf.index = i;
-        if (ioctl(m_fd, VIDIOC_QUERYBUF, &buf) < 0) {
+        err = xioctl(m_fd, VIDIOC_QUERYBUF, &buf);
+        if (err < 0) {
             ELEMENT_LOG(0, "%s:%d ERROR: VIDIOC_QUERYBUF failed!!  n_buffers=%d\n\n", int(i));
+            ELEMENT_LOG_REASON(-err);
             return -1;
         }
         ELEMENT_LOG(4, "%s:%d DEBUG: V4LCameraCapturePlugin::v4l2_init_buffer------------!!  buf.length=%d\n\n",
@@ -90,12 +106,9 @@ int V4LCameraCapturePlugin::v4l2_init_buffer()
 
         std::shared_ptr<Codec::MediaFrame> frame(new Codec::MediaFrame(), deleteCaptureFrame);
         m_mediaMem->alloc(frame.get(), 3 * align16(m_width) * align16(m_height));
-        if (m_format == FOURCC_NV12) {
-            frame->format = Codec::PIXEL_FORMAT_NV12;
-            frame->horStride = uint32_t(m_width);
-        } else if (m_format == FOURCC_YUYV) {
-            frame->format = Codec::PIXEL_FORMAT_YUYV;
-            frame->horStride = uint32_t(2 * m_width);
+        if (format && format->raw) {
+            frame->format = uint64_t(format->pictureFormat);
+            frame->horStride = uint32_t(format->bytesPerPixel * m_width);
         }
         frame->width = uint32_t(m_width);
         frame->height = uint32_t(m_height);
@@ -106,7 +119,9 @@ int V4LCameraCapturePlugin::v4l2_init_buffer()
         buf.length = m_frames[i]->size;
         const int ret = ioctl(m_fd, VIDIOC_QBUF, &buf);
         if (ret < 0) {
+            err = errno;
             ELEMENT_LOG(0, "%s:%d ERROR: enqueue failed index = %d  error=%d\n\n", int(i), ret);
+            ELEMENT_LOG_REASON(err);
             return -1;
         }
     }
@@ -128,8 +143,10 @@ int V4LCameraCapturePlugin::v4l2_stream_on()
         return 0;
     }
     int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    if (ioctl(m_fd, VIDIOC_STREAMON, &type) < 0) {
+    const int err = xioctl(m_fd, VIDIOC_STREAMON, &type);
+    if (err < 0) {
         ELEMENT_LOG(0, "%s:%d ERROR: v4l2_stream_on#open stream failed\n\n");
+        ELEMENT_LOG_REASON(-err);
         return -1;
     }
     m_isStreaming = true;
@@ -141,45 +158,65 @@ int V4LCameraCapturePlugin::v4l2_stream_off()
 {
     m_isStreaming = false;
     int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    if (ioctl(m_fd, VIDIOC_STREAMOFF, &type) < 0)
+    const int err = xioctl(m_fd, VIDIOC_STREAMOFF, &type);
+    if (err < 0) {
         ELEMENT_LOG(0, "%s:%d ERROR: off stream failed\n\n");
+        ELEMENT_LOG_REASON(-err);
+    }
     return 0;
 }
 
 // ---- the steps every read shares ----------------------------------------------------
 
-bool V4LCameraCapturePlugin::waitReadable(const char* caller)
+int V4LCameraCapturePlugin::waitReadable(const char* caller)
 {
+    const int stopFd = m_stopSignal.fd();
+    // FD_SET on a descriptor outside the set's range would write past it.
+    if (m_fd < 0 || m_fd >= FD_SETSIZE || stopFd >= FD_SETSIZE) {
+        Logger::logger_printf(0, "%s:%d ERROR: select failed\n", caller, __LINE__);
+        logReason(caller, __LINE__, EBADF);
+        return -EBADF;
+    }
     fd_set readSet;
     FD_ZERO(&readSet);
     FD_SET(m_fd, &readSet);
+    if (stopFd >= 0)
+        FD_SET(stopFd, &readSet);
     timeval timeout{1, 0};
-    select(m_fd + 1, &readSet, nullptr, nullptr, &timeout);
-    if (!FD_ISSET(m_fd, &readSet)) {
-        Logger::logger_printf(0, "%s:%d ERROR: select failed\n", caller, __LINE__);
-        return false;
-    }
-    return true;
+    const int ready = select(std::max(m_fd, stopFd) + 1, &readSet, nullptr, nullptr, &timeout);
+    const int err = ready < 0 ? errno : 0;
+    if (ready < 0)
+        FD_ZERO(&readSet);
+    if (FD_ISSET(m_fd, &readSet))
+        return 0;
+    if (stopFd >= 0 && FD_ISSET(stopFd, &readSet))
+        return -ECANCELED;  // stopping: not a camera fault
+    Logger::logger_printf(0, "%s:%d ERROR: select failed\n", caller, __LINE__);
+    if (err)
+        logReason(caller, __LINE__, err);
+    return err ? -err : -ETIMEDOUT;
 }
 
-bool V4LCameraCapturePlugin::dequeueBuffer(v4l2_buffer* buf, const char* caller, const char* failFormat)
+int V4LCameraCapturePlugin::dequeueBuffer(v4l2_buffer* buf, const char* caller, const char* failFormat)
 {
     clearBuffer(buf);
-    if (ioctl(m_fd, VIDIOC_DQBUF, buf) < 0) {
+    const int err = xioctl(m_fd, VIDIOC_DQBUF, buf);
+    if (err < 0) {
         Logger::logger_printf(0, failFormat, caller, __LINE__);
-        sleep(3);
-        return false;
+        logReason(caller, __LINE__, -err);
+        m_stopSignal.sleepFor(kDequeueFailurePause);
     }
-    return true;
+    return err;
 }
 
 int V4LCameraCapturePlugin::requeueBuffer(v4l2_buffer* buf, const char* caller)
 {
-    if (ioctl(m_fd, VIDIOC_QBUF, buf) < 0) {
+    const int err = xioctl(m_fd, VIDIOC_QBUF, buf);
+    if (err < 0) {
         Logger::logger_printf(0, "%s:%d ERROR: VIDIOC_QBUF failed\n\n", caller, __LINE__);
-        return -1;
+        logReason(caller, __LINE__, -err);
     }
-    return 0;
+    return err;
 }
 
 Codec::MediaFrame* V4LCameraCapturePlugin::capturedFrame(const v4l2_buffer& buf, uint32_t* bytes,
@@ -203,50 +240,57 @@ Codec::MediaFrame* V4LCameraCapturePlugin::capturedFrame(const v4l2_buffer& buf,
 
 // ---- compressed acquisition ---------------------------------------------------------
 
-int V4LCameraCapturePlugin::v4l2_get_one_frame2()
+int V4LCameraCapturePlugin::v4l2_get_one_frame2() { return readCoded(captureFormatOf(m_format)); }
+
+int V4LCameraCapturePlugin::readCoded(const CaptureFormat* format)
 {
-    if (!waitReadable(__func__))
+    static const char* const caller = "v4l2_get_one_frame2";
+    if (waitReadable(caller) < 0)
         return -1;
     v4l2_buffer buf;
-    if (!dequeueBuffer(&buf, __func__, "%s:%d ERROR: VIDIOC_DQBUF failed\n"))
+    if (dequeueBuffer(&buf, caller, "%s:%d ERROR: VIDIOC_DQBUF failed\n") < 0)
         return -1;
     if (buf.bytesused == 0)
-        return requeueBuffer(&buf, __func__);
+        return requeueBuffer(&buf, caller) < 0 ? -1 : 0;
 
     uint32_t bytes = 0;
-    const Codec::MediaFrame* frame = capturedFrame(buf, &bytes, __func__);
+    const Codec::MediaFrame* frame = capturedFrame(buf, &bytes, caller);
     if (!frame) {
-        requeueBuffer(&buf, __func__);
+        requeueBuffer(&buf, caller);
         return -1;
     }
     const auto* data = static_cast<const unsigned char*>(frame->data);
 
-    if (m_format == FOURCC_H264) {
-        // A consumer that fell far behind is resynchronised at the next key frame.
+    switch (format ? format->backlog : Backlog::DropUnencoded) {
+    case Backlog::FlushAtKeyFrame:
         if (sendQueueLength() > kH264Backlog && bytes > 4 && bitstream::startsWithKeyFrame(data, int(bytes)))
             flushSendQueue();
         pushSendBuffer(data, bytes);
-    } else if (m_format == FOURCC_MJPG) {
-        // Pictures stand alone: keep the latest rather than a backlog.
+        break;
+    case Backlog::KeepLatest:
         if (sendQueueLength() < 2)
             pushSendBuffer(data, bytes);
-    } else if (m_format == FOURCC_HEVC) {
+        break;
+    case Backlog::Split:
         bitstream::cutHevc(bytes, [&](uint32_t offset, uint32_t piece) { pushSendBuffer(data + offset, piece); });
+        break;
+    case Backlog::DropUnencoded:
+        break;  // raw pictures belong to the encoder path
     }
-    return requeueBuffer(&buf, __func__);
+    return requeueBuffer(&buf, caller) < 0 ? -1 : 0;
 }
 
 // ---- direct read --------------------------------------------------------------------
 
 int V4LCameraCapturePlugin::v4l2_get_one_frame(MediaFrame* frame)
 {
-    if (!waitReadable(__func__)) {
+    if (waitReadable(__func__) < 0) {
         if (frame)
             frame->setSize(0);
         return -1;
     }
     v4l2_buffer buf;
-    if (!dequeueBuffer(&buf, __func__, "%s:%d ERROR: VIDIOC_DQBUF failed\n"))
+    if (dequeueBuffer(&buf, __func__, "%s:%d ERROR: VIDIOC_DQBUF failed\n") < 0)
         return -1;
     if (frame && buf.bytesused != 0) {
         uint32_t bytes = 0;
@@ -262,7 +306,7 @@ int V4LCameraCapturePlugin::v4l2_get_one_frame(MediaFrame* frame)
             frame->setSize(0);
         }
     }
-    return requeueBuffer(&buf, __func__);
+    return requeueBuffer(&buf, __func__) < 0 ? -1 : 0;
 }
 
 // ---- controls -----------------------------------------------------------------------

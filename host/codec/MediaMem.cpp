@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <unordered_map>
 #include <vector>
 
 #include "DmaBufSources.h"
@@ -15,6 +17,7 @@ namespace Codec {
 
 // What alloc attached to a buffer: the descriptor and the CPU mapping.
 struct MemoryBlock {
+    const MediaMem* owner = nullptr;
     MappedDmaBuf memory;
 };
 
@@ -35,11 +38,46 @@ DmaBufChooser& chooser()
     return instance;
 }
 
+// Buffers each live allocator has attached memory to. Freeing a buffer after its allocator
+// is gone is a use after free in a real codec library; here it is reported.
+std::mutex g_attachedMutex;
+std::unordered_map<const MediaMem*, int> g_attached;
+
+void countAttached(const MediaMem* owner, int delta)
+{
+    std::lock_guard<std::mutex> lock(g_attachedMutex);
+    auto it = g_attached.find(owner);
+    if (it == g_attached.end()) {
+        if (delta < 0)
+            Logger::logger_printf(0, "%s:%d ERROR: MediaMem free after its allocator was destroyed\n", "MediaMem",
+                                  __LINE__);
+        else
+            g_attached[owner] = delta;
+        return;
+    }
+    it->second += delta;
+}
+
 } // namespace
 
 MediaMem* MediaMem::create(MediaBufferType type) { return new MediaMem(type); }
 
-void MediaMem::destroy(MediaMem* mem) { delete mem; }
+void MediaMem::destroy(MediaMem* mem)
+{
+    if (!mem)
+        return;
+    {
+        std::lock_guard<std::mutex> lock(g_attachedMutex);
+        auto it = g_attached.find(mem);
+        if (it != g_attached.end()) {
+            if (it->second > 0)
+                Logger::logger_printf(0, "%s:%d ERROR: MediaMem destroyed with %d buffers still attached\n",
+                                      "MediaMem", __LINE__, it->second);
+            g_attached.erase(it);
+        }
+    }
+    delete mem;
+}
 
 int MediaMem::alloc(MediaBuffer* buffer, int bytes)
 {
@@ -72,6 +110,8 @@ int MediaMem::alloc(MediaBuffer* buffer, int bytes)
     buffer->data = block->memory.map;
     buffer->fd = block->memory.fd.get();
     buffer->size = uint32_t(bytes);
+    block->owner = this;
+    countAttached(this, 1);
     buffer->block = block.release();
     return 0;
 }
@@ -80,6 +120,8 @@ void MediaMem::free(MediaBuffer* buffer)
 {
     if (!buffer)
         return;
+    if (buffer->block)
+        countAttached(buffer->block->owner, -1);
     delete buffer->block;
     buffer->block = nullptr;
     buffer->data = nullptr;

@@ -454,6 +454,10 @@ const std::map<std::string, Setting>& settings()
              f.dqbufErrno = ENODEV;
              f.dqbufAfter = int(i.number(v, 0, 1 << 30));
          })},
+        {"badindex", fault([](Faults& f, std::string_view v, const Item& i) { f.badIndex = int(i.number(v, 0, 1 << 30)); })},
+        {"overrun", fault([](Faults& f, std::string_view v, const Item& i) {
+             f.bytesusedExtra = uint32_t(i.number(v, 1, 1 << 30));
+         })},
         {"nokeyctl", fault([](Faults& f, std::string_view, const Item&) { f.noKeyFrameControl = true; }, false)},
     };
     return table;

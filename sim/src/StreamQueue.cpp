@@ -189,6 +189,8 @@ int StreamQueue::dequeueBuffer(v4l2_buffer& b)
     Buffer& buf = buffers_[index];
     buf.state = Buffer::State::Idle;
     fillDequeued(buf, index, b);
+    if (const int bad = node_->faults().badIndex; bad >= 0)
+        b.index = uint32_t(bad);  // the real buffer is lost to the client, as with such a driver
 
     node_->countGoodDequeue();
     recorder_.frameDelivered();

@@ -53,21 +53,6 @@ protected:
             element->v4l2_stream_off();
         SimElementTest::TearDown();
     }
-    void fillQueue(size_t n)
-    {
-        std::lock_guard<std::mutex> lock(element->m_sendMutex);
-        uint8_t byte = 0x11;
-        while (element->m_sendQueue.size() < n)
-            element->m_sendQueue.push_back(std::make_unique<V4LCameraCapturePlugin::SendBuffer>(&byte, 1u));
-    }
-    std::vector<Bytes> queued()
-    {
-        std::lock_guard<std::mutex> lock(element->m_sendMutex);
-        std::vector<Bytes> out;
-        for (const auto& e : element->m_sendQueue)
-            out.emplace_back(e->data, e->data + e->size);
-        return out;
-    }
 };
 
 struct BacklogCase {
@@ -96,14 +81,11 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         BacklogCase{"AtTwoHundredNoScan", 200, concat({kSps, kPps, kIdr}), 201},
         BacklogCase{"SpsPpsIdrFlushes", 201, concat({kSps, kPps, kIdr}), 1},
-        BacklogCase{"BareIdrFlushes", 201, kIdr, 1},
         BacklogCase{"ShortestIdrFlushes", 201, Bytes{0, 0, 1, 0x65, 0x88}, 1},
         BacklogCase{"FourByteIdrFlushes", 201, nal({0, 0, 0, 1}, 0x25), 1},  // nal_ref_idc bits ignored
         BacklogCase{"PSliceKeeps", 201, nal({0, 0, 1}, 0x41), 202},
         BacklogCase{"SeiKeeps", 201, concat({nal({0, 0, 1}, 0x06), kIdr}), 202},
-        BacklogCase{"SpsThenPSliceKeeps", 201, concat({kSps, nal({0, 0, 1}, 0x41)}), 202},
         BacklogCase{"NextStartCodeInLastFourBytesKeeps", 201, concat({kSps, Bytes{0, 0, 1, 0x65}}), 202},
-        BacklogCase{"FourBytesOnlyKeeps", 201, Bytes{0, 0, 1, 0x65}, 202},
         BacklogCase{"NoStartCodeKeeps", 201, Bytes{0, 0, 2, 0x65, 0x88, 0x88}, 202}),
     [](const testing::TestParamInfo<BacklogCase>& info) { return std::string(info.param.name); });
 
@@ -177,34 +159,31 @@ TEST_F(Acquisition, ByteCountBeyondTheBufferIsNeverReadPastItsEnd)
     EXPECT_TRUE(log.contains("exceeds buffer", 1));
 }
 
-TEST_F(Acquisition, IndexWithoutACaptureFrameIsNotRead)
+// A driver index with no capture frame behind it (an empty slot, or beyond the four) is
+// never read.
+class MissingFrame : public Acquisition, public testing::WithParamInterface<int> {};
+
+TEST_P(MissingFrame, IsNotRead)
 {
-    stream(kH264, {kIdr});
-    element->m_frames[0].reset();  // the driver hands back index 0 first
+    const int index = GetParam();
+    stream(kH264, {kIdr}, 640, 480, [index](simcam::Faults& f) { f.badIndex = index; });
+    element->m_frames[0].reset();
     EXPECT_EQ(element->v4l2_get_one_frame2(), -1);
-    EXPECT_TRUE(log.contains("dequeued buffer 0 has no capture frame", 0));
     EXPECT_TRUE(queued().empty());
 }
+
+INSTANTIATE_TEST_SUITE_P(Indexes, MissingFrame, testing::Values(0, 4, 31));
 
 TEST_F(Acquisition, RequeueFailureFailsTheRead)
 {
     stream(kH264, {kIdr}, 640, 480, [](simcam::Faults& f) { f.streamQbufErrno = EIO; });
     EXPECT_EQ(element->v4l2_get_one_frame2(), -1);
-    EXPECT_TRUE(log.contains("ERROR: VIDIOC_QBUF failed\n\n", 0));
     EXPECT_EQ(queued().size(), 1u);  // the frame itself was taken before
-}
-
-TEST_F(Acquisition, StallAndDequeueFailureAreFailures)
-{
-    stream(kH264, {kIdr}, 640, 480, [](simcam::Faults& f) { f.stall = true; });
-    EXPECT_EQ(element->v4l2_get_one_frame2(), -1);
-    EXPECT_TRUE(log.contains("ERROR: select failed\n", 0));
-    simcam::setFaults({}, "video0");
-    simcam::modifyFaults([](simcam::Faults& f) { f.dqbufErrno = EIO; }, "video0");
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(element->v4l2_get_one_frame2(), -1);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2900));
-    EXPECT_TRUE(log.contains("ERROR: VIDIOC_DQBUF failed\n", 0));
+    // The quoted line, then the driver's reason on the next.
+    const auto lines = log.lines();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_NE(lines[lines.size() - 2].text.find("ERROR: VIDIOC_QBUF failed\n\n"), std::string::npos);
+    EXPECT_NE(lines.back().text.find("reason: Input/output error"), std::string::npos);
 }
 
 // ---- direct read ----------------------------------------------------------------------
@@ -215,7 +194,6 @@ struct DirectCase {
     unsigned capacity;
     bool empty;
     int expectedSize;  // -1: untouched
-    bool error;
 };
 
 class DirectRead : public Acquisition, public testing::WithParamInterface<DirectCase> {};
@@ -233,33 +211,15 @@ TEST_P(DirectRead, ReportsAndCopiesAtMostTheFramesCapacity)
     if (c.expectedSize > 0) {
         EXPECT_EQ(Bytes(frame.bytes(), frame.bytes() + frame.size()), payload);
     }
-    EXPECT_EQ(log.contains("******************************* VIDIOC_DQBUF failed"), c.error);
     EXPECT_EQ(simcam::stats().buffersDequeued, 0);  // the buffer always goes back
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, DirectRead,
-                         testing::Values(DirectCase{"Fits", 1000, 4096, false, 1000, false},
-                                         DirectCase{"Exact", 4096, 4096, false, 4096, false},
-                                         DirectCase{"TooLarge", 4097, 4096, false, 0, true},
-                                         DirectCase{"Empty", 0, 4096, true, -1, false}),
+                         testing::Values(DirectCase{"Fits", 1000, 4096, false, 1000},
+                                         DirectCase{"Exact", 4096, 4096, false, 4096},
+                                         DirectCase{"TooLarge", 4097, 4096, false, 0},
+                                         DirectCase{"Empty", 0, 4096, true, -1}),
                          [](const testing::TestParamInfo<DirectCase>& info) { return std::string(info.param.name); });
-
-TEST_F(Acquisition, DirectReadWithoutAFrameStillCyclesTheBuffer)
-{
-    stream(kMJPG, {Bytes(100, 1)});
-    EXPECT_EQ(element->v4l2_get_one_frame(nullptr), 0);
-    EXPECT_EQ(simcam::stats().ioctlCount(VIDIOC_DQBUF), 1u);
-    EXPECT_EQ(simcam::stats().buffersDequeued, 0);
-}
-
-TEST_F(Acquisition, DirectReadTimeoutEmptiesTheFrame)
-{
-    stream(kMJPG, {Bytes(100, 1)}, 640, 480, [](simcam::Faults& f) { f.stall = true; });
-    MediaFrame frame(64);
-    frame.setSize(9);
-    EXPECT_EQ(element->v4l2_get_one_frame(&frame), -1);
-    EXPECT_EQ(frame.size(), 0);
-}
 
 // ---- controls -------------------------------------------------------------------------
 
@@ -294,18 +254,12 @@ TEST_F(Acquisition, ExtensionUnitControlsRoundTrip)
     EXPECT_EQ(UvcExtenFuncSet(-1, 5, in, 3), -1);
     EXPECT_EQ(UvcExtenFuncGet(-1, 5, out, 3), -1);
     EXPECT_EQ(simcam::stats().ioctlCount(UVCIOC_CTRL_QUERY), before);
-    EXPECT_TRUE(log.lines().size() > 0);  // open lines only: the functions log nothing
-    EXPECT_FALSE(log.contains("Uvc"));
-}
 
-TEST_F(Acquisition, ExtensionUnitAbsentFails)
-{
     simcam::Model model = smallCamera(kH264);
     model.cameras[0].extensionUnit = 0;
-    useCamera(model);
+    simcam::configure(model);
     ASSERT_EQ(element->v4l2_dev_open(), 0);
-    uint8_t data[2] = {};
-    EXPECT_EQ(UvcExtenFuncGet(element->m_fd, 1, data, 2), -1);
+    EXPECT_EQ(UvcExtenFuncGet(element->m_fd, 5, out, 3), -1);
 }
 
 } // namespace

@@ -1,29 +1,17 @@
-// The element object driven directly: fields the contract operations set.
+// The element object driven directly, without a camera: what the contract operations set,
+// and the guards that keep a misused element from writing where it must not.
 
 #include <gtest/gtest.h>
+#include <linux/videodev2.h>
+#include <sys/select.h>
+
+#include <chrono>
 
 #include "Formats.h"
 #include "Logger.h"
 #include "V4LCameraCapturePlugin.h"
 
 namespace {
-
-constexpr uint32_t kH264 = 0x34363248, kHEVC = 0x43564548, kMJPG = 0x47504a4d;
-
-TEST(ElementShell, FreshElementDefaults)
-{
-    V4LCameraCapturePlugin e;
-    EXPECT_EQ(e.m_format, kH264);
-    EXPECT_EQ(e.m_frameRateNum, 30);
-    EXPECT_EQ(e.m_frameRateDen, 1);
-    EXPECT_FALSE(e.m_running);
-    EXPECT_LE(e.m_fd, 0);
-    EXPECT_NE(e.getState(), 3);
-    EXPECT_EQ(e.m_encoder, nullptr);
-    EXPECT_EQ(e.m_mediaMem, nullptr);
-    for (const auto& frame : e.m_frames)
-        EXPECT_EQ(frame, nullptr);
-}
 
 struct OutPinCase {
     int codec;
@@ -36,27 +24,25 @@ class ElementOutPin : public testing::TestWithParam<OutPinCase> {};
 TEST_P(ElementOutPin, TakesSizeAlwaysAndFormatWhenAccepted)
 {
     V4LCameraCapturePlugin e;
-    e.m_format = kMJPG;
+    LogCapture log;
+    e.m_format = V4L2_PIX_FMT_MJPEG;
     EXPECT_EQ(e.activeOutPin(nullptr, videoFormat(GetParam().codec, 1280, 720)), GetParam().result);
+    EXPECT_EQ(e.activeOutPin(e.getOutputPinList().first(), videoFormat(GetParam().codec, 1280, 720)),
+              GetParam().result);
     EXPECT_EQ(e.m_width, 1280);
     EXPECT_EQ(e.m_height, 720);
     EXPECT_EQ(e.m_format, GetParam().format);
+    EXPECT_EQ(log.count("activeOutPin failed -1", 0), GetParam().result == 0 ? 0 : 2);
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, ElementOutPin,
-                         testing::Values(OutPinCase{6, 0, kH264}, OutPinCase{7, 0, kHEVC},
-                                         OutPinCase{9, 0, kMJPG}, OutPinCase{11, -1, kMJPG},
-                                         OutPinCase{12, -1, kMJPG}, OutPinCase{-1, -1, kMJPG}));
-
-TEST(ElementShell, DefaultFormatRecordResetsSize)
-{
-    V4LCameraCapturePlugin e;
-    e.m_width = 640;
-    e.m_height = 480;
-    EXPECT_EQ(e.activeOutPin(nullptr, MediaFormat()), -1);
-    EXPECT_EQ(e.m_width, -1);
-    EXPECT_EQ(e.m_height, -1);
-}
+                         testing::Values(OutPinCase{CODEC_TYPE_H264, 0, V4L2_PIX_FMT_H264},
+                                         OutPinCase{CODEC_TYPE_HEVC, 0, V4L2_PIX_FMT_HEVC},
+                                         OutPinCase{CODEC_TYPE_MJPEG, 0, V4L2_PIX_FMT_MJPEG},
+                                         OutPinCase{CODEC_TYPE_YUYV, -1, V4L2_PIX_FMT_MJPEG},
+                                         OutPinCase{CODEC_TYPE_NV12, -1, V4L2_PIX_FMT_MJPEG},
+                                         OutPinCase{CODEC_TYPE_NONE, -1, V4L2_PIX_FMT_MJPEG},
+                                         OutPinCase{8, -1, V4L2_PIX_FMT_MJPEG}));
 
 TEST(ElementShell, InitializeSetsLoggingGlobals)
 {
@@ -68,5 +54,30 @@ TEST(ElementShell, InitializeSetsLoggingGlobals)
     EXPECT_EQ(enable_minilog, 0);
     EXPECT_EQ(e.getState(), 1);
 }
+
+TEST(ElementShell, ProbeOpenWithoutAPlaceForTheDescriptorFails)
+{
+    V4LCameraCapturePlugin e;
+    EXPECT_EQ(e.v4l2_dev_open(nullptr), -1);
+}
+
+// A select set holds descriptors 0 to FD_SETSIZE - 1 only.
+class ClosedElementRead : public testing::TestWithParam<int> {};
+
+TEST_P(ClosedElementRead, FailsAtOnceWithoutTouchingTheSet)
+{
+    V4LCameraCapturePlugin e;
+    e.m_fd = GetParam();
+    MediaFrame frame(64);
+    frame.setSize(9);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(e.v4l2_get_one_frame(&frame), -1);
+    EXPECT_EQ(e.v4l2_get_one_frame2(), -1);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+    EXPECT_EQ(frame.size(), 0);
+    e.m_fd = -1;
+}
+
+INSTANTIATE_TEST_SUITE_P(Descriptors, ClosedElementRead, testing::Values(-1, FD_SETSIZE, FD_SETSIZE + 100));
 
 } // namespace

@@ -62,15 +62,6 @@ int settledThreadCount()
     return n;
 }
 
-TEST_F(Lifecycle, StopAndPauseOnAnIdleElementDoNothing)
-{
-    element->initialize();
-    EXPECT_EQ(element->stop(), 0);
-    EXPECT_EQ(element->pause(), 0);
-    EXPECT_EQ(element->getState(), 1);
-    EXPECT_TRUE(log.lines().empty());
-}
-
 TEST_F(Lifecycle, PlayStreamsUntilStopAndEveryPlayOpensAfresh)
 {
     useCamera(smallCamera(kH264));
@@ -78,30 +69,78 @@ TEST_F(Lifecycle, PlayStreamsUntilStopAndEveryPlayOpensAfresh)
     for (int round = 1; round <= 2; ++round) {
         ASSERT_EQ(element->play(), 0);
         EXPECT_EQ(element->getState(), 3);
+        EXPECT_EQ(element->play(), 0);  // refused while playing: nothing more is opened
         EXPECT_TRUE(simcam::waitForFrames(3 * uint64_t(round), std::chrono::seconds(5)));
-        EXPECT_EQ(element->stop(), 0);
+        EXPECT_EQ(round == 1 ? element->stop() : element->pause(), 0);
         EXPECT_EQ(element->getState(), 2);
         EXPECT_EQ(element->m_fd, -1);
         EXPECT_FALSE(element->m_running);
         EXPECT_EQ(simcam::stats().openDescriptors, 0);
         EXPECT_EQ(simcam::stats().opens.size(), size_t(round));
     }
-    // Teardown order: threads joined, streaming off, buffers released, device closed.
-    for (const char* line : {"v4l2 stop begin \n", "thread stop\n", "video_frame over!\n", "thread stop end\n",
-                             "stream stop\n", "v4l2 stop end\n"})
-        EXPECT_EQ(log.count(line), 2) << line;
+    EXPECT_EQ(log.count("V4LCameraCapturePlugin alredy be playing", 0), 2);
+    // Teardown order: threads joined (the loop ends while stop waits for it), streaming
+    // off, buffers released, device closed.
+    const std::vector<std::string> order = {"v4l2 stop begin \n", "thread stop\n", "thread stop end\n",
+                                            "stream stop\n", "v4l2 stop end\n"};
+    std::vector<std::string> seen;
+    int loopEndedInsideJoin = 0;
+    for (const LogLine& line : log.lines()) {
+        const auto endsWith = [&](const std::string& tail) {
+            return line.text.size() >= tail.size() && line.text.compare(line.text.size() - tail.size(), tail.size(), tail) == 0;
+        };
+        for (const std::string& step : order)
+            if (endsWith(step))
+                seen.push_back(step);
+        if (endsWith("video_frame over!\n"))
+            loopEndedInsideJoin += !seen.empty() && (seen.back() == order[0] || seen.back() == order[1]);
+    }
+    std::vector<std::string> twice = order;
+    twice.insert(twice.end(), order.begin(), order.end());
+    EXPECT_EQ(seen, twice);
+    EXPECT_EQ(loopEndedInsideJoin, 2);
 }
 
-TEST_F(Lifecycle, PlayWhilePlayingIsRefusedQuietly)
+// The capture thread sits in its 1 s device wait (stalled camera) or its 3 s pause after a
+// failed dequeue (unplugged camera); stop, pause and deleting must not wait for either.
+struct StopCase {
+    const char* name;
+    bool unplugged;
+    int playedMs;
+    bool viaPause;
+};
+
+class StopsPromptly : public Lifecycle, public testing::WithParamInterface<StopCase> {};
+
+TEST_P(StopsPromptly, WhateverTheCaptureThreadWaitsFor)
 {
-    useCamera(smallCamera(kH264));
+    constexpr auto kBound = std::chrono::milliseconds(250);  // loose for sanitizers and emulation
+    simcam::Model model = smallCamera(kH264);
+    if (GetParam().unplugged) {
+        model.cameras[0].nodes[0].faults.dqbufErrno = ENODEV;
+        model.cameras[0].nodes[0].faults.dqbufAfter = 2;
+    } else {
+        model.cameras[0].nodes[0].faults.stall = true;
+    }
+    useCamera(model);
     ASSERT_EQ(element->play(), 0);
-    EXPECT_EQ(element->play(), 0);
-    EXPECT_TRUE(log.contains("V4LCameraCapturePlugin alredy be playing", 0));
-    EXPECT_EQ(simcam::stats().opens.size(), 1u);
-    EXPECT_EQ(element->pause(), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(GetParam().playedMs));
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(GetParam().viaPause ? element->pause() : element->stop(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, kBound);
     EXPECT_EQ(element->getState(), 2);
+    start = std::chrono::steady_clock::now();
+    element.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, kBound);
+    EXPECT_EQ(simcam::stats().openDescriptors, 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Cameras, StopsPromptly,
+    testing::Values(StopCase{"Stalled1200", false, 1200, false}, StopCase{"Stalled2000", false, 2000, true},
+                    StopCase{"Stalled2500", false, 2500, false}, StopCase{"Unplugged1200", true, 1200, true},
+                    StopCase{"Unplugged2000", true, 2000, false}, StopCase{"Unplugged2500", true, 2500, false}),
+    [](const testing::TestParamInfo<StopCase>& info) { return std::string(info.param.name); });
 
 struct PlayFailure {
     const char* name;

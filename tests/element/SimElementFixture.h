@@ -85,6 +85,24 @@ protected:
         ASSERT_EQ(element->v4l2_init_buffer(), 0);
     }
 
+    // Entries waiting for the sender, oldest first.
+    std::vector<std::vector<uint8_t>> queued()
+    {
+        std::lock_guard<std::mutex> lock(element->m_sendMutex);
+        std::vector<std::vector<uint8_t>> out;
+        for (const auto& e : element->m_sendQueue)
+            out.emplace_back(e->data, e->data + e->size);
+        return out;
+    }
+    // Tops the send queue up to n one-byte entries.
+    void fillQueue(size_t n)
+    {
+        std::lock_guard<std::mutex> lock(element->m_sendMutex);
+        uint8_t byte = 0x11;
+        while (element->m_sendQueue.size() < n)
+            element->m_sendQueue.push_back(std::make_unique<V4LCameraCapturePlugin::SendBuffer>(&byte, 1u));
+    }
+
     // Runs what the element posted to itself (USB resets).
     static void runQueuedCalls() { QCoreApplication::processEvents(); }
 

@@ -66,6 +66,9 @@ const TextCase kTexts[] = {
          EXPECT_TRUE(f.stall && f.noKeyFrameControl);
          EXPECT_EQ(f.grantBuffers, 2);
      }},
+    {"badindex=4,overrun=100", nullptr, [](const Model& m) {
+         EXPECT_EQ(std::make_pair(faults0(m).badIndex, faults0(m).bytesusedExtra), std::make_pair(4, 100u));
+     }},
     {"unplug=4,open=13", nullptr, [](const Model& m) {
          EXPECT_EQ(std::make_pair(faults0(m).dqbufErrno, faults0(m).dqbufAfter), std::make_pair(ENODEV, 4));
          EXPECT_EQ(faults0(m).openErrno, EACCES);

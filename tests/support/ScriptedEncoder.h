@@ -6,6 +6,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -30,58 +31,30 @@ struct EncoderScript {
 class ScriptedEncoder : public Codec::Encoder {
 public:
     explicit ScriptedEncoder(std::shared_ptr<EncoderScript> script) : m_script(std::move(script)) {}
-    ~ScriptedEncoder() override
-    {
-        std::lock_guard<std::mutex> lock(m_script->mutex);
-        ++m_script->destroyed;
-    }
+    ~ScriptedEncoder() override { locked([](EncoderScript& s) { return ++s.destroyed; }); }
     int set(Codec::Configure key, unsigned int value) override
     {
-        std::lock_guard<std::mutex> lock(m_script->mutex);
-        m_script->settings.emplace_back(int(key), value);
-        return 0;
+        return locked([&](EncoderScript& s) { return s.settings.emplace_back(int(key), value), 0; });
     }
-    int configure() override
-    {
-        std::lock_guard<std::mutex> lock(m_script->mutex);
-        ++m_script->configures;
-        return 0;
-    }
+    int configure() override { return locked([](EncoderScript& s) { return ++s.configures, 0; }); }
+    int reset() override { return locked([](EncoderScript& s) { return ++s.resets, 0; }); }
     int putFrame(Codec::MediaFrame* frame) override
     {
         ++m_script->framesPut;
-        std::lock_guard<std::mutex> lock(m_script->mutex);
-        if (!frame)
-            return -1;
-        if (m_script->putResults.empty())
-            return 0;
-        const int r = m_script->putResults.front();
-        m_script->putResults.pop_front();
-        return r;
+        return locked([&](EncoderScript& s) { return frame ? pop(s.putResults, 0) : -1; });
     }
     std::unique_ptr<Codec::MediaPacket> getPacket() override
     {
-        std::lock_guard<std::mutex> lock(m_script->mutex);
-        EncoderScript::Packet kind = EncoderScript::Packet::Bytes;
-        if (!m_script->packets.empty()) {
-            kind = m_script->packets.front();
-            m_script->packets.pop_front();
-        }
-        if (kind == EncoderScript::Packet::None)
-            return nullptr;
-        auto packet = std::make_unique<Codec::MediaPacket>();
-        packet->status = kind == EncoderScript::Packet::BadStatus ? -1 : 0;
-        if (kind != EncoderScript::Packet::NoBuffer) {
-            auto buffer = std::make_unique<OwnedBuffer>(m_script->packetBytes);
-            packet->buffer = buffer.release();
-        }
-        return packet;
-    }
-    int reset() override
-    {
-        std::lock_guard<std::mutex> lock(m_script->mutex);
-        ++m_script->resets;
-        return 0;
+        return locked([](EncoderScript& s) -> std::unique_ptr<Codec::MediaPacket> {
+            const EncoderScript::Packet kind = pop(s.packets, EncoderScript::Packet::Bytes);
+            if (kind == EncoderScript::Packet::None)
+                return nullptr;
+            auto packet = std::make_unique<Codec::MediaPacket>();
+            packet->status = kind == EncoderScript::Packet::BadStatus ? -1 : 0;
+            if (kind != EncoderScript::Packet::NoBuffer)
+                packet->buffer = std::make_unique<OwnedBuffer>(s.packetBytes).release();
+            return packet;
+        });
     }
 
 private:
@@ -89,11 +62,25 @@ private:
         explicit OwnedBuffer(std::vector<uint8_t> b) : bytes(std::move(b))
         {
             data = bytes.data();
-            length = uint32_t(bytes.size());
-            size = length;
+            size = length = uint32_t(bytes.size());
         }
         std::vector<uint8_t> bytes;
     };
+    template <typename F>
+    std::invoke_result_t<F, EncoderScript&> locked(F f)
+    {
+        std::lock_guard<std::mutex> lock(m_script->mutex);
+        return f(*m_script);
+    }
+    template <typename T>
+    static T pop(std::deque<T>& queue, T otherwise)
+    {
+        if (queue.empty())
+            return otherwise;
+        const T front = queue.front();
+        queue.pop_front();
+        return front;
+    }
     std::shared_ptr<EncoderScript> m_script;
 };
 

@@ -82,6 +82,7 @@ struct Faults {
     int dqbufAfter = 0;     // ... once this many frames were dequeued
     bool noKeyFrameControl = false; // V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME is absent (EINVAL)
     uint32_t bytesusedExtra = 0;    // a buggy driver: bytesused claims this many bytes more
+    int badIndex = -1;              // a buggy driver: DQBUF reports this index (-1: the real one)
 };
 
 enum class NodeKind {
