@@ -1,5 +1,7 @@
 #include "StreamQueue.h"
 
+#include "simcam/Chaos.h"
+
 #include <pthread.h>
 
 #include <algorithm>
@@ -184,11 +186,21 @@ int StreamQueue::dequeueBuffer(v4l2_buffer& b)
             return EAGAIN;
         cv_.wait(lock);
     }
+    const Chaos::Dequeue chaos = Chaos::nextDequeue();
+    if (chaos == Chaos::Dequeue::Fail)
+        return EIO;
     const uint32_t index = done_.front();
+    if (chaos == Chaos::Dequeue::StrayIndex) {
+        // A driver bug: an index beyond the queue; the filled buffer stays ready.
+        fillDequeued(buffers_[index], uint32_t(buffers_.size()), b);
+        return 0;
+    }
     done_.pop_front();
     Buffer& buf = buffers_[index];
     buf.state = Buffer::State::Idle;
     fillDequeued(buf, index, b);
+    if (chaos == Chaos::Dequeue::Oversize)
+        b.bytesused = b.length + 4096;
 
     node_->countGoodDequeue();
     recorder_.frameDelivered();
