@@ -95,7 +95,7 @@ TEST(HostCallRace, CallsWhileStreamingNeitherRaceNorHang)
 
     const int codecs[] = {6, 7, 9};
     const long iterations = soak::envLong("RACE_ITERATIONS", 3000);
-    std::mt19937 random(uint32_t(soak::envLong("RACE_SEED", 1)));
+    std::mt19937 random{uint32_t(soak::envLong("RACE_SEED", 1))};
     Watchdog watchdog;
     int plays = 0, recreated = 0;
     for (long i = 0; i < iterations; ++i) {
