@@ -80,7 +80,7 @@ void Chaos::run()
 {
     enum Kind { Stall, Empty, DqbufBurst, Oversize, Stray, Unplug, FormatRefusal, ConsumerPause };
     // Unplugs and refusals cost the client a reopen; keep them rarer than the rest.
-    std::discrete_distribution<int> draw({4, 3, 2, 3, 3, 1, 1, 4});
+    std::discrete_distribution<int> draw({4, 3, 2, 3, 3, 1, 1, 6});
     while (pause(between(int(options_.minGap.count()), int(options_.maxGap.count())))) {
         switch (draw(random_)) {
         case Stall: {
