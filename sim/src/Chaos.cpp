@@ -136,7 +136,7 @@ void Chaos::run()
     }
 }
 
-Chaos::Dequeue Chaos::takeDequeue()
+Chaos::Dequeue Chaos::takeDequeue(bool filled)
 {
     std::lock_guard lock(m_);
     if (failDequeues_ > 0) {
@@ -149,7 +149,7 @@ Chaos::Dequeue Chaos::takeDequeue()
         count("stray-index");
         return Dequeue::StrayIndex;
     }
-    if (oversizePending_) {
+    if (oversizePending_ && filled) {
         oversizePending_ = false;
         count("oversize");
         return Dequeue::Oversize;
@@ -157,10 +157,10 @@ Chaos::Dequeue Chaos::takeDequeue()
     return Dequeue::Normal;
 }
 
-Chaos::Dequeue Chaos::nextDequeue()
+Chaos::Dequeue Chaos::nextDequeue(bool filled)
 {
     std::lock_guard lock(g_activeMutex);
-    return g_active ? g_active->takeDequeue() : Dequeue::Normal;
+    return g_active ? g_active->takeDequeue(filled) : Dequeue::Normal;
 }
 
 } // namespace simcam

@@ -186,10 +186,10 @@ int StreamQueue::dequeueBuffer(v4l2_buffer& b)
             return EAGAIN;
         cv_.wait(lock);
     }
-    const Chaos::Dequeue chaos = Chaos::nextDequeue();
+    const uint32_t index = done_.front();
+    const Chaos::Dequeue chaos = Chaos::nextDequeue(buffers_[index].bytesused > 0);
     if (chaos == Chaos::Dequeue::Fail)
         return EIO;
-    const uint32_t index = done_.front();
     if (chaos == Chaos::Dequeue::StrayIndex) {
         // A driver bug: an index beyond the queue; the filled buffer stays ready.
         fillDequeued(buffers_[index], uint32_t(buffers_.size()), b);

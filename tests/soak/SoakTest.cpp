@@ -26,8 +26,10 @@ namespace {
 
 using namespace std::chrono;
 
-// HEVC frames padded beyond one pin piece, so each is cut.
-const char* const kCamera = "h264,formats=H264/MJPG/HEVC/YUYV,size=640x480,clip=8,gop=4,hevcmin=3114496";
+// HEVC is played at 1080p, its frames padded beyond one pin piece so each is cut; the rest
+// at 640x480.
+const char* const kCamera =
+    "h264,formats=H264/MJPG/HEVC/YUYV,size=640x480/1920x1080,clip=8,gop=4,hevcmin=3114496";
 const uint32_t kFormats[] = {simcam::kFourccH264, simcam::kFourccMJPG, simcam::kFourccHEVC, simcam::kFourccYUYV};
 constexpr int kWarmupCycles = 8;        // every format twice: clips encoded, pools grown
 constexpr long kRssSlackKb = 96 * 1024; // allocator caching of the largest backlog seen
@@ -221,7 +223,11 @@ TEST(Soak, PlayStopReformatUnderChaos)
     MediaOutputPin* output = element.getOutputPinList().first();
     output->connect(&input);
     simcam::Chaos chaos(seed);
-    Consumer consumer(input, chaos, camera.cameras[0].nodes[0].content);
+    const simcam::ContentOptions& content = camera.cameras[0].nodes[0].content;
+    // The camera encodes a clip at its first start; stop would wait for that, not the element.
+    simcam::ContentSource::get(simcam::kFourccHEVC, 1920, 1080, content);
+    simcam::ContentSource::get(simcam::kFourccMJPG, 640, 480, content);
+    Consumer consumer(input, chaos, content);
     std::mt19937 random{seed};
     std::discrete_distribution<int> pick({4, 2, 2, 2}); // H.264 most: its flushes are checked
 
@@ -236,8 +242,8 @@ TEST(Soak, PlayStopReformatUnderChaos)
         simcam::setTimePerFrame("video0", {1, fast ? 240u : fourcc == simcam::kFourccHEVC ? 1u : 0u});
         consumer.beginCycle(fourcc);
         element.m_format = fourcc;
-        element.m_width = 640;
-        element.m_height = 480;
+        element.m_width = fourcc == simcam::kFourccHEVC ? 1920 : 640;
+        element.m_height = fourcc == simcam::kFourccHEVC ? 1080 : 480;
         // A refused format or an unplugged camera: the element's own USB reset, run here,
         // brings the camera back for a later play.
         if (element.play() != 0) {
@@ -268,8 +274,9 @@ TEST(Soak, PlayStopReformatUnderChaos)
             break;
     }
     EXPECT_EQ(output->stats().refused, 0u);
-    if (seconds >= 300) // several consumer pauses overlap fast H.264 cycles by then
+    if (seconds >= 300) { // several consumer pauses overlap fast H.264 cycles by then
         EXPECT_GT(consumer.flushes.load(), 0u) << "seed " << seed;
+    }
 
     std::cout << "soak: seed " << seed << ", " << cycles << " cycles, " << refusedPlays
               << " plays refused, " << consumer.frames << " frames, " << consumer.flushes

@@ -47,16 +47,17 @@ public:
     bool consumerPaused() const { return paused_.load(); }
     uint64_t seed() const { return seed_; }
 
-    // Called by the simulated queue on every VIDIOC_DQBUF with a filled buffer at hand.
+    // Called by the simulated queue on every VIDIOC_DQBUF with a buffer ready; `filled`
+    // when it holds bytes (an overstated count is a driver's lie about a real frame).
     enum class Dequeue { Normal, Fail, StrayIndex, Oversize };
-    static Dequeue nextDequeue();
+    static Dequeue nextDequeue(bool filled);
 
 private:
     void run();
     bool pause(std::chrono::milliseconds d); // false when stopping
     std::chrono::milliseconds between(int minMs, int maxMs);
     void count(const char* kind);
-    Dequeue takeDequeue();
+    Dequeue takeDequeue(bool filled);
 
     const uint64_t seed_;
     const Options options_;
