@@ -20,9 +20,11 @@ for t in "${targets[@]}"; do
   scratch="$dir/corpus/$t"
   crashes="$dir/crashes/$t"
   mkdir -p "$scratch" "$crashes"
+  seeds=("fuzz/corpus/$t")
+  [ -d "fuzz/regressions/$t" ] && seeds+=("fuzz/regressions/$t")
   start=$SECONDS
   if "$dir/bin/fuzz_$t" -max_total_time="$seconds" -print_final_stats=1 \
-      -artifact_prefix="$crashes/" "$scratch" "fuzz/corpus/$t" "fuzz/regressions/$t" \
+      -artifact_prefix="$crashes/" "$scratch" "${seeds[@]}" \
       >"$dir/fuzz-$t.log" 2>&1; then
     echo "fuzz $t: no finding in $((SECONDS - start)) s," \
       "$(grep -m1 -o 'stat::number_of_executed_units: *[0-9]*' "$dir/fuzz-$t.log" | grep -o '[0-9]*$') runs"
