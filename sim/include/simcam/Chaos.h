@@ -34,8 +34,8 @@ public:
     // Starts the schedule against the configured model; prints the seed to stderr.
     explicit Chaos(uint64_t seed) : Chaos(seed, Options{}) {}
     Chaos(uint64_t seed, Options options);
-    // Ends the schedule and clears every fault it set (an unplugged camera stays unplugged
-    // until a reset or replug()).
+    // Ends the schedule and clears every node's faults (an unplugged camera stays
+    // unplugged until a reset or replug()).
     ~Chaos();
     Chaos(const Chaos&) = delete;
     Chaos& operator=(const Chaos&) = delete;
