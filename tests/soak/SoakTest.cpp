@@ -269,7 +269,7 @@ TEST(Soak, PlayStopReformatUnderChaos)
             EXPECT_LE(g.rssKb, warm.rssKb + kRssSlackKb) << where;
         }
         const std::vector<std::string> problems = consumer.problems();
-        ASSERT_TRUE(problems.empty()) << problems.front() << " (" << where << ")";
+        EXPECT_TRUE(problems.empty()) << problems.front() << " (" << where << ")"; // figures still print
         if (testing::Test::HasFailure())
             break;
     }
