@@ -12,6 +12,7 @@ packages=(
   ffmpeg
   libdrm-dev
   libavformat-dev
+  clang libclang-rt-14-dev
 )
 
 missing=()

@@ -73,6 +73,6 @@ echo "armhf sysroot: $sysroot (download cache: $(dirname "$sysroot")/debs)"
 stage "configure" configure
 stage "build" cmake --build "$dir" -j "$jobs"
 # Label vm: scenarios that boot an x86-64 VM around the build tree; not for ARM binaries.
-stage "tests under qemu-user" ctest --test-dir "$dir" --output-on-failure -j "$jobs" --timeout 600 -LE vm
+stage "tests under qemu-user" ctest --test-dir "$dir" --output-on-failure -j "$jobs" --timeout 600 -LE "vm|armvm|soak"
 stage "plug-in under emulation" plugin_loads
 stage "H.264 recording under emulation" record_h264

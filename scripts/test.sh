@@ -2,9 +2,10 @@
 # Installs what is needed, builds, and runs every test: the suite three times (plainly,
 # under AddressSanitizer + UndefinedBehaviorSanitizer, under ThreadSanitizer), the
 # scenarios against real kernel drivers in a QEMU VM, the armhf cross build's suite
-# under qemu-user, and the armhf build on a real ARM kernel in a VM. Exits non-zero on any
-# failure or sanitizer report. Build trees: build/, build-asan/, build-tsan/, build-armhf/,
-# build-armhf-t64/ (under BUILD_ROOT, default the checkout).
+# under qemu-user, and the armhf build on a real ARM kernel in a VM. Between the sanitizer
+# suites run the chaos soak and the fuzz targets. Exits non-zero on any failure or
+# sanitizer report. Build trees: build/, build-asan/, build-tsan/, build-fuzz/,
+# build-armhf/, build-armhf-t64/ (under BUILD_ROOT, default the checkout).
 # Downloads (kernels, armhf packages) are cached in CAMERA_CACHE_DIR
 # (default /var/cache/camera-build).
 set -euo pipefail
@@ -27,8 +28,8 @@ configure_build() {  # dir [cmake args...]
 }
 
 run_suite() {  # dir
-  # Real-kernel scenarios (label vm) have a stage of their own.
-  ctest --test-dir "$1" --output-on-failure -j "$jobs" --timeout 300 -LE vm
+  # Real-kernel scenarios (labels vm, armvm) and the chaos soak have stages of their own.
+  ctest --test-dir "$1" --output-on-failure -j "$jobs" --timeout 300 -LE "vm|armvm|soak"
 }
 
 stage "install packages" bash scripts/install-deps.sh
@@ -41,10 +42,15 @@ export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 export LSAN_OPTIONS=suppressions=$PWD/sim/content/x265.lsan.supp
 stage "build (ASan+UBSan)" configure_build "$root/build-asan" -DSANITIZE=address -DCMAKE_BUILD_TYPE=Debug
 stage "tests (ASan+UBSan)" run_suite "$root/build-asan"
+# Faults arriving together for SOAK_SECONDS (the README has the hour-long command).
+stage "chaos soak (ASan+UBSan)" env SOAK_SECONDS="${SOAK_SECONDS:-300}" \
+  ctest --test-dir "$root/build-asan" --output-on-failure -L soak
 
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp"
 stage "build (TSan)" configure_build "$root/build-tsan" -DSANITIZE=thread -DCMAKE_BUILD_TYPE=Debug
 stage "tests (TSan)" run_suite "$root/build-tsan"
+
+stage "fuzzing (clang, ${FUZZ_SECONDS:-60} s per target)" env BUILD_DIR="$root/build-fuzz" bash scripts/fuzz.sh
 
 # The VM boots from this machine, so a VM that cannot boot is a failure here, not a skip.
 stage "VM tests (real kernel drivers)" env VM_REQUIRED=1 bash scripts/test-vm.sh

@@ -197,14 +197,16 @@ Scope resolveScope(Model& model, std::string_view qualifier, const Item& item)
 }
 
 // "video3" + 2 -> "video5"; names without a number get the offset appended.
-std::string renumber(const std::string& name, int offset)
+// A node number too large to shift is refused rather than wrapped.
+std::string renumber(const std::string& name, int offset, const Item& item)
 {
     size_t digits = name.size();
     while (digits > 0 && std::isdigit(static_cast<unsigned char>(name[digits - 1])))
         --digits;
     if (digits == name.size())
         return name + std::to_string(offset);
-    return name.substr(0, digits) + std::to_string(std::stoi(name.substr(digits)) + offset);
+    const long number = item.number(std::string_view(name).substr(digits), 0, 1 << 30);
+    return name.substr(0, digits) + std::to_string(number + offset);
 }
 
 std::vector<Format> captureFormats(const Camera& camera)
@@ -260,7 +262,7 @@ const std::map<std::string, Setting>& settings()
                  c.card += " #" + std::to_string(i + 1);
                  c.devnum = first.devnum + i;
                  for (Node& n : c.nodes)
-                     n.name = renumber(n.name, i * int(first.nodes.size()));
+                     n.name = renumber(n.name, i * int(first.nodes.size()), item);
                  m.cameras.push_back(c);
              }
          }}},

@@ -1,5 +1,7 @@
 #include "StreamQueue.h"
 
+#include "simcam/Chaos.h"
+
 #include <pthread.h>
 
 #include <algorithm>
@@ -185,12 +187,22 @@ int StreamQueue::dequeueBuffer(v4l2_buffer& b)
         cv_.wait(lock);
     }
     const uint32_t index = done_.front();
+    const Chaos::Dequeue chaos = Chaos::nextDequeue(buffers_[index].bytesused > 0);
+    if (chaos == Chaos::Dequeue::Fail)
+        return EIO;
+    if (chaos == Chaos::Dequeue::StrayIndex) {
+        // A driver bug: an index beyond the queue; the filled buffer stays ready.
+        fillDequeued(buffers_[index], uint32_t(buffers_.size()), b);
+        return 0;
+    }
     done_.pop_front();
     Buffer& buf = buffers_[index];
     buf.state = Buffer::State::Idle;
     fillDequeued(buf, index, b);
     if (const int bad = node_->faults().badIndex; bad >= 0)
         b.index = uint32_t(bad);  // the real buffer is lost to the client, as with such a driver
+    if (chaos == Chaos::Dequeue::Oversize)
+        b.bytesused = b.length + 4096;
 
     node_->countGoodDequeue();
     recorder_.frameDelivered();

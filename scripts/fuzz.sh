@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang (ASan+UBSan) in build-fuzz/ and runs each for
+# FUZZ_SECONDS (default 60) from its checked-in corpus. New interesting inputs go to a
+# scratch corpus; a crash input is left in build-fuzz/crashes/<target>/ and fails the run:
+# copy it to fuzz/regressions/<target>/ once fixed, so the normal suites replay it.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+dir=${BUILD_DIR:-$PWD/build-fuzz}
+seconds=${FUZZ_SECONDS:-60}
+targets=(${FUZZ_TARGETS:-annexb hevccut modeltext camcapoptions})
+
+cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFUZZ=ON \
+  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
+cmake --build "$dir" -j "${JOBS:-$(nproc)}" --target "${targets[@]/#/fuzz_}"
+
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
+status=0
+for t in "${targets[@]}"; do
+  scratch="$dir/corpus/$t"
+  crashes="$dir/crashes/$t"
+  mkdir -p "$scratch" "$crashes"
+  seeds=("fuzz/corpus/$t")
+  [ -d "fuzz/regressions/$t" ] && seeds+=("fuzz/regressions/$t")
+  start=$SECONDS
+  if "$dir/bin/fuzz_$t" -max_total_time="$seconds" -print_final_stats=1 \
+      -artifact_prefix="$crashes/" "$scratch" "${seeds[@]}" \
+      >"$dir/fuzz-$t.log" 2>&1; then
+    echo "fuzz $t: no finding in $((SECONDS - start)) s," \
+      "$(grep -m1 -o 'stat::number_of_executed_units: *[0-9]*' "$dir/fuzz-$t.log" | grep -o '[0-9]*$') runs"
+  else
+    echo "fuzz $t: FINDING, see $dir/fuzz-$t.log and $crashes/"
+    tail -n 30 "$dir/fuzz-$t.log"
+    status=1
+  fi
+done
+exit $status
