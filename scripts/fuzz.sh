@@ -15,14 +15,12 @@ cmake --build "$dir" -j "${JOBS:-$(nproc)}" --target "${targets[@]/#/fuzz_}"
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
-status=0
-for t in "${targets[@]}"; do
-  scratch="$dir/corpus/$t"
-  crashes="$dir/crashes/$t"
+# fuzz_one TARGET: runs one target; its verdict goes to $dir/fuzz-TARGET.verdict.
+fuzz_one() {
+  local t=$1 scratch="$dir/corpus/$1" crashes="$dir/crashes/$1" start=$SECONDS
   mkdir -p "$scratch" "$crashes"
-  seeds=("fuzz/corpus/$t")
+  local seeds=("fuzz/corpus/$t")
   [ -d "fuzz/regressions/$t" ] && seeds+=("fuzz/regressions/$t")
-  start=$SECONDS
   if "$dir/bin/fuzz_$t" -max_total_time="$seconds" -print_final_stats=1 \
       -artifact_prefix="$crashes/" "$scratch" "${seeds[@]}" \
       >"$dir/fuzz-$t.log" 2>&1; then
@@ -31,7 +29,21 @@ for t in "${targets[@]}"; do
   else
     echo "fuzz $t: FINDING, see $dir/fuzz-$t.log and $crashes/"
     tail -n 30 "$dir/fuzz-$t.log"
-    status=1
+    return 1
+  fi
+}
+
+# One target per core at a time: each is single-threaded.
+status=0
+parallel=${JOBS:-$(nproc)}
+pids=()
+for t in "${targets[@]}"; do
+  fuzz_one "$t" &
+  pids+=($!)
+  if [ ${#pids[@]} -ge "$parallel" ]; then
+    wait "${pids[0]}" || status=1
+    pids=("${pids[@]:1}")
   fi
 done
+for p in "${pids[@]}"; do wait "$p" || status=1; done
 exit $status

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake pkg-config ninja-build
+  build-essential cmake pkg-config ninja-build ccache
   qtbase5-dev
   libgtest-dev libgmock-dev
   libopenh264-dev libyuv-dev libjpeg62-turbo-dev libx265-dev
