@@ -37,7 +37,7 @@ target_packages=(
 )
 target_nodeps=(qtbase5-dev qt5-qmake)
 # Bump when the way the sysroot is laid out changes.
-layout=4
+layout=5
 
 log() { printf '[install-armhf] %s\n' "$*" >&2; }
 if [ "$(id -u)" -ne 0 ]; then SUDO=sudo; else SUDO=; fi
@@ -176,8 +176,9 @@ done
 ln -sfn /usr/lib/qt5/bin/qmake "$tmp/usr/lib/arm-linux-gnueabihf/qt5/bin/qmake"
 # dash's maintainer script, which is not run here, makes /bin/sh.
 [ -e "$tmp/bin/sh" ] || ln -s dash "$tmp/bin/sh"
-# Mount points for a VM that boots into the sysroot (scripts/test-armvm.sh).
-mkdir -p "$tmp"/{dev,proc,sys,run,tmp}
+# No /dev, /proc, /sys, /run or /tmp here: under qemu-user an existing directory of the
+# sysroot hides the host's (an empty /dev hides /dev/null). The armhf VM makes its mount
+# points in the overlay it boots into.
 
 install_shim "$tmp"
 echo "$stamp_text" > "$tmp/.camera-sysroot"

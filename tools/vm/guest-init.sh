@@ -53,6 +53,9 @@ done
 mkdir -p $R/usr/local/lib/vm-busybox
 cp /bin/busybox $R/usr/local/lib/vm-busybox/busybox
 for a in $(busybox --list); do ln -s busybox $R/usr/local/lib/vm-busybox/$a 2>/dev/null; done
+# The armhf sysroot has no mount points of its own (they would hide the host's under
+# qemu-user); the overlay takes them.
+mkdir -p $R/dev $R/proc $R/sys $R/run $R/tmp
 mount -t devtmpfs devtmpfs $R/dev
 # What udev would add to a bare devtmpfs; bash's process substitution needs /dev/fd.
 ln -sf /proc/self/fd $R/dev/fd

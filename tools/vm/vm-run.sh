@@ -61,7 +61,7 @@ if [ -d "$kernel_arg" ]; then kdir=$(realpath "$kernel_arg"); else kdir=$cache/$
 vmlinuz=$(ls "$kdir"/boot/vmlinuz-* 2>/dev/null | head -n1)
 [ -f "$vmlinuz" ] || { echo "vm-run: no kernel in $kdir (run scripts/install-vm.sh)" >&2; exit 126; }
 command -v $qemu_bin >/dev/null || { echo "vm-run: $qemu_bin missing" >&2; exit 126; }
-[ -d "$rootdir/dev" ] || { echo "vm-run: no root tree at $rootdir (scripts/install-armhf.sh)" >&2; exit 126; }
+[ -d "$rootdir/usr" ] || { echo "vm-run: no root tree at $rootdir (scripts/install-armhf.sh)" >&2; exit 126; }
 initrd=$kdir.initramfs.gz
 if [ "$arch" = armhf ]; then
   VM_ARCH=armhf BUSYBOX=$cache/busybox-armhf/bin/busybox "$here/build-initramfs.sh" "$kdir" "$initrd" >&2 || exit 126
