@@ -37,7 +37,7 @@ target_packages=(
 )
 target_nodeps=(qtbase5-dev qt5-qmake)
 # Bump when the way the sysroot is laid out changes.
-layout=5
+layout=6
 
 log() { printf '[install-armhf] %s\n' "$*" >&2; }
 if [ "$(id -u)" -ne 0 ]; then SUDO=sudo; else SUDO=; fi
@@ -178,7 +178,8 @@ ln -sfn /usr/lib/qt5/bin/qmake "$tmp/usr/lib/arm-linux-gnueabihf/qt5/bin/qmake"
 [ -e "$tmp/bin/sh" ] || ln -s dash "$tmp/bin/sh"
 # No /dev, /proc, /sys, /run or /tmp here: under qemu-user an existing directory of the
 # sysroot hides the host's (an empty /dev hides /dev/null). The armhf VM makes its mount
-# points in the overlay it boots into.
+# points in the overlay it boots into. base-files brings them empty: take them out.
+rmdir "$tmp"/{dev,proc,sys,run,tmp} 2>/dev/null || true
 
 install_shim "$tmp"
 echo "$stamp_text" > "$tmp/.camera-sysroot"
