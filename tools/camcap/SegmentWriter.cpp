@@ -13,9 +13,9 @@ QString SegmentWriter::fileName(const QString& pattern, int index)
     static const QRegularExpression indexField(QStringLiteral("%(0?\\d*)d"));
     const QRegularExpressionMatch m = indexField.match(pattern);
     if (m.hasMatch()) {
-        const QString spec = m.captured(1);
-        const QChar fill = spec.startsWith(QLatin1Char('0')) ? QLatin1Char('0') : QLatin1Char(' ');
-        const QString number = QStringLiteral("%1").arg(index, spec.toInt(), 10, fill);
+        const QString width = m.captured(1);
+        const QChar fill = width.startsWith(QLatin1Char('0')) ? QLatin1Char('0') : QLatin1Char(' ');
+        const QString number = QStringLiteral("%1").arg(index, width.toInt(), 10, fill);
         return QString(pattern).replace(m.capturedStart(), m.capturedLength(), number);
     }
     if (pattern.contains(QLatin1Char('%'))) {
