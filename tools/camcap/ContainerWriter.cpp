@@ -159,3 +159,10 @@ bool ContainerWriter::finish()
         ok = failed("close", AVERROR(EIO));
     return ok;
 }
+
+extern "C" __attribute__((visibility("default"))) FrameSink* camcap_open_container(const QString& path,
+                                                                                   const StreamInfo& info,
+                                                                                   QString* error)
+{
+    return ContainerWriter::open(path, info, error).release();
+}

@@ -37,3 +37,7 @@ struct StreamInfo {
 
 // Opens one file of the recording; null with *error set when it cannot be written.
 std::unique_ptr<FrameSink> openSink(const QString& path, const StreamInfo& info, QString* error);
+
+// The container module's entry point (ContainerWriter.cpp), found by openSink when it loads
+// the module for the first container file.
+extern "C" FrameSink* camcap_open_container(const QString& path, const StreamInfo& info, QString* error);
