@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <set>
 #include <string>
@@ -91,6 +92,15 @@ public:
     explicit Drain(MediaOutputPin* pin) : m_pin(pin)
     {
         m_pin->connect(&m_input);
+        // A host's pool is backed before the stream starts; ours is touched lazily, which
+        // would show as the sender's page faults the first time it reaches a frame.
+        std::vector<MediaFrame*> pool;
+        for (MediaFrame* f = nullptr; m_pin->dequeue(&f, 0, 0) == 0; f = nullptr)
+            pool.push_back(f);
+        for (MediaFrame* f : pool) {
+            std::memset(f->data(), 0, f->capacity());
+            m_input.release(f);
+        }
         m_thread = std::thread([this] {
             m_tid = gettid();
             while (!m_stop) {

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <vector>
 
 #include "Logger.h"
+#include "Ring.h"
 
 // One producer-consumer link: the pool of frames, the free list and the delivered queue.
 // Shared by both pins so that frames in flight outlive whichever side goes first.
@@ -102,8 +102,7 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         m_closed = true;
         // Undelivered frames are no longer anyone's to read.
-        for (MediaFrame* frame : m_delivered)
-            recycleLocked(frame);
+        m_delivered.forEach([this](MediaFrame* frame) { recycleLocked(frame); });
         m_delivered.clear();
         m_freed.notify_all();
         m_arrived.notify_all();
@@ -139,7 +138,7 @@ private:
     // Last freed, first lent: a steady stream keeps reusing the same warm frame or two
     // instead of cycling through every large buffer of the pool.
     std::vector<MediaFrame*> m_free;
-    std::deque<MediaFrame*> m_delivered;
+    Ring<MediaFrame*> m_delivered;
     bool m_closed = false;
     PinStats m_stats;
 };

@@ -54,7 +54,8 @@ Stats Recorder::counters() const
 {
     std::lock_guard lock(m_);
     Stats s = counts_;
-    s.ioctls.assign(ioctls_.begin(), ioctls_.end());
+    s.ioctls.reserve(ioctls_.size());
+    ioctls_.forEach([&s](const IoctlRecord& r) { s.ioctls.push_back(r); });
     return s;
 }
 

@@ -2,10 +2,10 @@
 // Counters and call logs of the simulated devices. Its lock is a leaf: it is taken last
 // and nothing else is locked under it.
 
+#include "Ring.h"
 #include "simcam/SimCamera.h"
 
 #include <condition_variable>
-#include <deque>
 #include <mutex>
 
 namespace simcam {
@@ -33,7 +33,7 @@ private:
     mutable std::condition_variable cv_;
     uint64_t version_ = 0;
     Stats counts_;
-    std::deque<IoctlRecord> ioctls_;
+    Ring<IoctlRecord> ioctls_; // the most recent kIoctlLogLimit
 };
 
 } // namespace simcam

@@ -8,10 +8,10 @@
 #include "DeviceState.h"
 #include "DmabufMapping.h"
 #include "Recorder.h"
+#include "Ring.h"
 #include "content/ContentSource.h"
 
 #include <condition_variable>
-#include <deque>
 #include <linux/videodev2.h>
 #include <memory>
 #include <mutex>
@@ -73,8 +73,8 @@ private:
     mutable std::mutex m_;
     std::condition_variable cv_;
     std::vector<Buffer> buffers_;
-    std::deque<uint32_t> queued_;
-    std::deque<uint32_t> done_;
+    Ring<uint32_t> queued_;
+    Ring<uint32_t> done_;
     uint32_t minLength_ = 0;
     bool streaming_ = false;
     bool stop_ = false;
