@@ -35,14 +35,11 @@ const Bytes kIdr = nal({0, 0, 1}, 0x65);
 
 class Acquisition : public SimElementTest {
 protected:
-    void stream(uint32_t fourcc, std::vector<Bytes> frames, int w = 640, int h = 480,
-                std::function<void(simcam::Faults&)> fault = {})
+    // Streams `frames` in turn; `fault` is model text.
+    void stream(uint32_t fourcc, std::vector<Bytes> frames, const std::string& fault = "", int w = 640, int h = 480)
     {
-        simcam::Model model = camera({format(fourcc, {{uint32_t(w), uint32_t(h)}})});
+        simcam::Model model = camera(fourcc, "unthrottled," + fault, w, h);
         model.cameras[0].nodes[0].scriptedFrames = std::move(frames);
-        if (fault)
-            fault(model.cameras[0].nodes[0].faults);
-        model.unthrottled = true;
         useCamera(model, fourcc, w, h);
         prepare();
         ASSERT_EQ(element->v4l2_stream_on(), 0);
@@ -120,7 +117,7 @@ TEST_P(HevcSplit, PiecesOfAtMostOneRawFrame)
     Bytes frame(GetParam().bytes);
     for (size_t i = 0; i < frame.size(); ++i)
         frame[i] = uint8_t(i * 13 + i / 4093);
-    stream(kHEVC, {frame}, 1920, 1080);
+    stream(kHEVC, {frame}, "", 1920, 1080);
     EXPECT_EQ(element->v4l2_get_one_frame2(), 0);
     const auto entries = queued();
     ASSERT_EQ(entries.size(), GetParam().pieces.size());
@@ -138,7 +135,7 @@ INSTANTIATE_TEST_SUITE_P(Sizes, HevcSplit,
 
 TEST_F(Acquisition, EmptyBuffersAndRawFormatsQueueNothing)
 {
-    stream(kH264, {kIdr}, 640, 480, [](simcam::Faults& f) { f.emptyEvery = 1; });
+    stream(kH264, {kIdr}, "empty=1");
     EXPECT_EQ(element->v4l2_get_one_frame2(), 0);
     element->m_format = kNV12;  // misuse: raw formats belong to the encoder path
     simcam::setFaults({}, "video0");
@@ -151,7 +148,7 @@ TEST_F(Acquisition, EmptyBuffersAndRawFormatsQueueNothing)
 TEST_F(Acquisition, ByteCountBeyondTheBufferIsNeverReadPastItsEnd)
 {
     const Bytes frame(4000, 0x42);
-    stream(kMJPG, {frame}, 640, 480, [](simcam::Faults& f) { f.bytesusedExtra = 2000000; });
+    stream(kMJPG, {frame}, "overrun=2000000");
     EXPECT_EQ(element->v4l2_get_one_frame2(), 0);
     const auto entries = queued();
     ASSERT_EQ(entries.size(), 1u);
@@ -166,7 +163,7 @@ class MissingFrame : public Acquisition, public testing::WithParamInterface<int>
 TEST_P(MissingFrame, IsNotRead)
 {
     const int index = GetParam();
-    stream(kH264, {kIdr}, 640, 480, [index](simcam::Faults& f) { f.badIndex = index; });
+    stream(kH264, {kIdr}, "badindex=" + std::to_string(index));
     element->m_frames[0].reset();
     EXPECT_EQ(element->v4l2_get_one_frame2(), -1);
     EXPECT_TRUE(queued().empty());
@@ -176,7 +173,7 @@ INSTANTIATE_TEST_SUITE_P(Indexes, MissingFrame, testing::Values(0, 4, 31));
 
 TEST_F(Acquisition, RequeueFailureFailsTheRead)
 {
-    stream(kH264, {kIdr}, 640, 480, [](simcam::Faults& f) { f.streamQbufErrno = EIO; });
+    stream(kH264, {kIdr}, "qbuf-stream=EIO");
     EXPECT_EQ(element->v4l2_get_one_frame2(), -1);
     EXPECT_EQ(queued().size(), 1u);  // the frame itself was taken before
     // The quoted line, then the driver's reason on the next.
@@ -202,7 +199,7 @@ TEST_P(DirectRead, ReportsAndCopiesAtMostTheFramesCapacity)
 {
     const DirectCase& c = GetParam();
     const Bytes payload(c.payload, 0x5C);
-    stream(kMJPG, {payload}, 640, 480, [&](simcam::Faults& f) { f.emptyEvery = c.empty ? 1 : 0; });
+    stream(kMJPG, {payload}, c.empty ? "empty=1" : "");
     MediaFrame frame(c.capacity);
     frame.setSize(-1);
     EXPECT_EQ(element->v4l2_get_one_frame(&frame), 0);
@@ -235,7 +232,7 @@ TEST_F(Acquisition, ForceKeyFrameDependsOnTheControl)
 
 TEST_F(Acquisition, ExtensionUnitControlsRoundTrip)
 {
-    useCamera(smallCamera(kH264));
+    useCamera(kH264);
     ASSERT_EQ(element->v4l2_dev_open(), 0);
     const int fd = element->m_fd;
     uint8_t in[3] = {1, 2, 3};
@@ -255,9 +252,7 @@ TEST_F(Acquisition, ExtensionUnitControlsRoundTrip)
     EXPECT_EQ(UvcExtenFuncGet(-1, 5, out, 3), -1);
     EXPECT_EQ(simcam::stats().ioctlCount(UVCIOC_CTRL_QUERY), before);
 
-    simcam::Model model = smallCamera(kH264);
-    model.cameras[0].extensionUnit = 0;
-    simcam::configure(model);
+    simcam::configure(camera(kH264, "xu=0"));
     ASSERT_EQ(element->v4l2_dev_open(), 0);
     EXPECT_EQ(UvcExtenFuncGet(element->m_fd, 5, out, 3), -1);
 }

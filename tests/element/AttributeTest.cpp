@@ -19,7 +19,7 @@ protected:
 
 struct NegotiationCase {
     const char* name;
-    std::vector<simcam::Format> offered;
+    const char* offered;  // model text
     uint32_t expected;
 };
 
@@ -27,7 +27,7 @@ class Negotiation : public Attributes, public testing::WithParamInterface<Negoti
 
 TEST_P(Negotiation, FirstPreferredFormatAtTheRequestedSize)
 {
-    useCamera(camera(GetParam().offered), kHEVC, 1, 1);  // HEVC marks "unchanged"
+    useCamera(simcam::parseModel(GetParam().offered), kHEVC, 1, 1);  // HEVC marks "unchanged"
     EXPECT_EQ(setFormat(6, 1280, 720), 0);
     EXPECT_EQ(element->m_format, GetParam().expected);
     EXPECT_EQ(element->m_width, 1280);
@@ -37,15 +37,12 @@ TEST_P(Negotiation, FirstPreferredFormatAtTheRequestedSize)
 
 INSTANTIATE_TEST_SUITE_P(
     Cameras, Negotiation,
-    testing::Values(
-        NegotiationCase{"YuyvBeforeMjpeg", {format(kMJPG, {{1280, 720}}), format(kYUYV, {{1280, 720}})}, kYUYV},
-        NegotiationCase{"OwnH264First",
-                        {format(kMJPG, {{1280, 720}}), format(kNV12, {{1280, 720}}), format(kH264, {{1280, 720}})},
-                        kH264},
-        NegotiationCase{"Nv12BeforeYuyv", {format(kYUYV, {{1280, 720}}), format(kNV12, {{1280, 720}})}, kNV12},
-        NegotiationCase{"MjpegLast", {format(kMJPG, {{1280, 720}})}, kMJPG},
-        NegotiationCase{"SizeMustMatch", {format(kH264, {{1920, 1080}}), format(kYUYV, {{640, 480}})}, kHEVC},
-        NegotiationCase{"HevcNeverChosen", {format(kHEVC, {{1280, 720}})}, kHEVC}),
+    testing::Values(NegotiationCase{"YuyvBeforeMjpeg", "formats=MJPG/YUYV", kYUYV},
+                    NegotiationCase{"OwnH264First", "formats=MJPG/NV12/H264", kH264},
+                    NegotiationCase{"Nv12BeforeYuyv", "formats=YUYV/NV12", kNV12},
+                    NegotiationCase{"MjpegLast", "formats=MJPG", kMJPG},
+                    NegotiationCase{"SizeMustMatch", "formats=H264/YUYV,size=1920x1080/640x480", kHEVC},
+                    NegotiationCase{"HevcNeverChosen", "formats=HEVC", kHEVC}),
     [](const testing::TestParamInfo<NegotiationCase>& info) { return std::string(info.param.name); });
 
 struct DirectCase {
@@ -57,7 +54,7 @@ class DirectFormat : public Attributes, public testing::WithParamInterface<Direc
 
 TEST_P(DirectFormat, OtherCodecsSetTheFormatWithoutOpeningTheCamera)
 {
-    useCamera(smallCamera(kYUYV), kMJPG);
+    useCamera(camera(kYUYV), kMJPG);
     EXPECT_EQ(setFormat(GetParam().codec, 640, 480), 0);
     EXPECT_EQ(element->m_format, GetParam().expected);
     EXPECT_TRUE(simcam::stats().opens.empty());
@@ -67,20 +64,9 @@ INSTANTIATE_TEST_SUITE_P(Codecs, DirectFormat,
                          testing::Values(DirectCase{7, kHEVC}, DirectCase{9, kMJPG}, DirectCase{11, kH264},
                                          DirectCase{12, kH264}, DirectCase{-1, kH264}));
 
-TEST_F(Attributes, ValueWithoutAFormatReadsAsTheDefaultRecord)
-{
-    useCamera(smallCamera(kH264), kMJPG, 640, 480);
-    EXPECT_EQ(element->setAttribute(ATTR_CAM_SETFORMAT, QVariant(42)), 0);
-    EXPECT_EQ(element->m_width, -1);
-    EXPECT_EQ(element->m_height, -1);
-    EXPECT_EQ(element->m_format, kH264);
-}
-
 TEST_F(Attributes, NoCameraLeavesTheFormatAndListsNothing)
 {
-    simcam::Model model = smallCamera(kH264);
-    model.cameras[0].nodes[0].faults.openErrno = ENOENT;
-    useCamera(model, kMJPG);
+    useCamera(camera(kH264, "open=ENOENT"), kMJPG);
     EXPECT_EQ(setFormat(6, 640, 480), 0);
     EXPECT_EQ(element->m_format, kMJPG);
     const QVariant list = element->getAttribute(ATTR_CAM_FORMATLIST);
@@ -90,21 +76,21 @@ TEST_F(Attributes, NoCameraLeavesTheFormatAndListsNothing)
 
 TEST_F(Attributes, FormatListUsesAProbeWhenIdleAndTheOpenDeviceWhilePlaying)
 {
-    useCamera(camera({format(kYUYV, {{640, 480}}), format(kH264, {{640, 480}, {320, 240}})}));
+    useCamera(simcam::parseModel("formats=YUYV/H264,size=640x480/320x240"));
     const QVariant idle = element->getAttribute(ATTR_CAM_FORMATLIST);
     ASSERT_EQ(simcam::stats().opens.size(), 1u);
     EXPECT_EQ(simcam::stats().opens[0].flags & O_ACCMODE, O_RDONLY);
     EXPECT_EQ(simcam::stats().openDescriptors, 0);
     const QList<MediaFormat> formats = idle.value<QList<MediaFormat>>();
-    ASSERT_EQ(formats.size(), 3);
-    EXPECT_EQ(formats[2].codecType, 6);
-    EXPECT_EQ(formats[2].width, 320);
+    ASSERT_EQ(formats.size(), 4);
+    EXPECT_EQ(formats[3].codecType, 6);
+    EXPECT_EQ(formats[3].width, 320);
 
     MediaInputPin consumer;
     element->getOutputPinList().first()->connect(&consumer);
     ASSERT_EQ(element->play(), 0);
     simcam::resetStats();
-    EXPECT_EQ(element->getAttribute(ATTR_CAM_FORMATLIST).value<QList<MediaFormat>>().size(), 3);
+    EXPECT_EQ(element->getAttribute(ATTR_CAM_FORMATLIST).value<QList<MediaFormat>>().size(), 4);
     EXPECT_TRUE(simcam::stats().opens.empty());
     // Negotiation always asks a probe descriptor, even while playing.
     EXPECT_EQ(setFormat(6, 640, 480), 0);

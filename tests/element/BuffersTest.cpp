@@ -20,24 +20,17 @@ int filledSlots(const V4LCameraCapturePlugin& e)
     return n;
 }
 
-struct GrantCase {
-    int granted;
-    int filled;
-};
-
-class Grant : public Buffers, public testing::WithParamInterface<GrantCase> {};
+// Buffers the driver grants, and the slots filled and queued.
+class Grant : public Buffers, public testing::WithParamInterface<std::pair<int, int>> {};
 
 TEST_P(Grant, FillsAndQueuesNoMoreThanFourSlots)
 {
-    simcam::Model model = smallCamera(kH264);
-    model.cameras[0].nodes[0].faults.grantBuffers = GetParam().granted;
-    useCamera(model);
-    ASSERT_EQ(element->v4l2_dev_open(), 0);
-    ASSERT_EQ(element->v4l2_set_format(), 0);
-    EXPECT_EQ(element->v4l2_init_buffer(), 0);
-    EXPECT_EQ(filledSlots(*element), GetParam().filled);
-    EXPECT_EQ(simcam::stats().ioctlCount(VIDIOC_QBUF), uint64_t(GetParam().filled));
-    EXPECT_EQ(simcam::stats().buffersQueued, GetParam().filled);
+    const auto [granted, filled] = GetParam();
+    useCamera(kH264, "grant=" + std::to_string(granted));
+    prepare();
+    EXPECT_EQ(filledSlots(*element), filled);
+    EXPECT_EQ(simcam::stats().ioctlCount(VIDIOC_QBUF), uint64_t(filled));
+    EXPECT_EQ(simcam::stats().buffersQueued, filled);
     EXPECT_NE(element->m_mediaMem, nullptr);
 
     element->v4l2_release_buffer();
@@ -45,8 +38,7 @@ TEST_P(Grant, FillsAndQueuesNoMoreThanFourSlots)
     EXPECT_EQ(element->m_mediaMem, nullptr);
 }
 
-INSTANTIATE_TEST_SUITE_P(Counts, Grant,
-                         testing::Values(GrantCase{0, 0}, GrantCase{2, 2}, GrantCase{4, 4}, GrantCase{8, 4}));
+INSTANTIATE_TEST_SUITE_P(Counts, Grant, testing::Values(std::pair(0, 0), std::pair(2, 2), std::pair(8, 4)));
 
 struct LayoutCase {
     uint32_t fourcc;
@@ -61,18 +53,13 @@ class Layout : public Buffers, public testing::WithParamInterface<LayoutCase> {}
 TEST_P(Layout, SizeStridesAndFormatFollowTheCaptureFormat)
 {
     const LayoutCase& c = GetParam();
-    useCamera(camera({format(c.fourcc, {{uint32_t(c.width), uint32_t(c.height)}})}), c.fourcc, c.width, c.height);
+    useCamera(c.fourcc, "", c.width, c.height);
     prepare();
     for (const auto& frame : element->m_frames) {
         ASSERT_NE(frame, nullptr);
-        EXPECT_EQ(frame->size, c.bytes);
-        EXPECT_GE(frame->fd, 0);
-        EXPECT_NE(frame->data, nullptr);
-        EXPECT_EQ(frame->width, uint32_t(c.width));
-        EXPECT_EQ(frame->height, uint32_t(c.height));
-        EXPECT_EQ(frame->verStride, uint32_t(c.height));
-        EXPECT_EQ(frame->horStride, c.horStride);
-        EXPECT_EQ(frame->format, c.pixelFormat);
+        EXPECT_TRUE(frame->fd >= 0 && frame->data != nullptr);
+        EXPECT_EQ(std::tuple(frame->size, frame->width, frame->height, frame->horStride, frame->verStride, frame->format),
+                  std::tuple(c.bytes, uint32_t(c.width), uint32_t(c.height), c.horStride, uint32_t(c.height), c.pixelFormat));
     }
 }
 
@@ -84,7 +71,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 struct SetupFailure {
     const char* name;
-    std::function<void(simcam::Faults&)> fault;
+    const char* fault;  // model text
     const char* message;
     int filledLeft;
     bool allocator;
@@ -94,9 +81,7 @@ class SetupFails : public Buffers, public testing::WithParamInterface<SetupFailu
 
 TEST_P(SetupFails, LeavesWhatItMadeForReleaseToFree)
 {
-    simcam::Model model = smallCamera(kH264);
-    GetParam().fault(model.cameras[0].nodes[0].faults);
-    useCamera(model);
+    useCamera(kH264, GetParam().fault);
     ASSERT_EQ(element->v4l2_dev_open(), 0);
     ASSERT_EQ(element->v4l2_set_format(), 0);
     EXPECT_EQ(element->v4l2_init_buffer(), -1);
@@ -117,48 +102,36 @@ TEST_P(SetupFails, LeavesWhatItMadeForReleaseToFree)
 
 INSTANTIATE_TEST_SUITE_P(
     Steps, SetupFails,
-    testing::Values(
-        SetupFailure{"reqbufs", [](simcam::Faults& f) { f.reqbufsErrno = ENOMEM; }, "request buffer failed", 0, false},
-        SetupFailure{"querybuf", [](simcam::Faults& f) { f.querybufErrno = EINVAL, f.querybufIndex = 2; },
-                     "VIDIOC_QUERYBUF failed!!  n_buffers=2", 2, true},
-        SetupFailure{"qbuf", [](simcam::Faults& f) { f.qbufErrno = EINVAL, f.qbufIndex = 1; },
-                     "enqueue failed index = 1  error=-1", 2, true}),
+    testing::Values(SetupFailure{"reqbufs", "reqbufs=ENOMEM", "request buffer failed", 0, false},
+                    SetupFailure{"querybuf", "querybuf=EINVAL@2", "VIDIOC_QUERYBUF failed!!  n_buffers=2", 2, true},
+                    SetupFailure{"qbuf", "qbuf=EINVAL@1", "enqueue failed index = 1  error=-1", 2, true}),
     [](const testing::TestParamInfo<SetupFailure>& info) { return std::string(info.param.name); });
 
-TEST_F(Buffers, StreamingFlagIsSharedAndGuardsStreamOn)
+// The streaming flag is shared by every element of the process and guards stream on; a
+// refused stream on leaves it down; stream off always asks the driver and always succeeds.
+TEST_F(Buffers, StreamingFlagIsSharedAndStreamOffAlwaysSucceeds)
 {
-    useCamera(smallCamera(kH264));
+    useCamera(kH264);
     prepare();
     EXPECT_EQ(element->v4l2_stream_on(), 0);
     EXPECT_TRUE(V4LCameraCapturePlugin::m_isStreaming);
     EXPECT_TRUE(log.contains("open stream succed", 2));
-
-    // Any element of the process sees the flag and does not call the driver.
     V4LCameraCapturePlugin other;
     other.m_fd = element->m_fd;
     EXPECT_EQ(other.v4l2_stream_on(), 0);
     EXPECT_TRUE(log.contains("v4l2_stream_on#m_isStreaming() true", 0));
     EXPECT_EQ(simcam::stats().ioctlCount(VIDIOC_STREAMON), 1u);
     other.m_fd = -1;
-
     EXPECT_EQ(element->v4l2_stream_off(), 0);
     EXPECT_FALSE(V4LCameraCapturePlugin::m_isStreaming);
     EXPECT_FALSE(simcam::stats().streaming());
-}
 
-// Streaming off always asks the driver and always succeeds; a refused stream on leaves the
-// flag down.
-TEST_F(Buffers, StreamOffAlwaysSucceedsAndRefusedStreamOnLeavesTheFlagDown)
-{
-    simcam::Model model = smallCamera(kH264);
-    model.cameras[0].nodes[0].faults.streamonErrno = EIO;
-    useCamera(model);
-    prepare();
+    simcam::modifyFaults([](simcam::Faults& f) { f.streamonErrno = EIO; }, "video0");
     EXPECT_EQ(element->v4l2_stream_on(), -1);
     EXPECT_FALSE(V4LCameraCapturePlugin::m_isStreaming);
     EXPECT_TRUE(log.contains("v4l2_stream_on#open stream failed", 0));
-    EXPECT_EQ(element->v4l2_stream_off(), 0);  // never streamed
-    EXPECT_EQ(simcam::stats().ioctlCount(VIDIOC_STREAMOFF), 1u);
+    EXPECT_EQ(element->v4l2_stream_off(), 0);  // not streaming
+    EXPECT_EQ(simcam::stats().ioctlCount(VIDIOC_STREAMOFF), 2u);
 
     V4LCameraCapturePlugin::m_isStreaming = true;
     const int fd = std::exchange(element->m_fd, -1);  // the driver refuses

@@ -28,12 +28,7 @@ protected:
         });
     }
 
-    void rawCamera(uint32_t fourcc, simcam::Interval interval = {1, 30})
-    {
-        simcam::Model model = camera({format(fourcc, {{320, 240}}, interval)});
-        model.unthrottled = true;
-        useCamera(model, fourcc, 320, 240);
-    }
+    void rawCamera(uint32_t fourcc) { useCamera(fourcc, "unthrottled", 320, 240); }
 
     bool waitForQuit()
     {
@@ -106,7 +101,7 @@ TEST_F(CaptureLoop, EncoderLivesForExactlyOneRawRunWhateverIsSetMeanwhile)
     EXPECT_EQ(encoder.script->resets, 1);
     EXPECT_EQ(encoder.script->destroyed, 1);
 
-    useCamera(smallCamera(kH264));
+    useCamera(kH264);
     ASSERT_EQ(element->play(), 0);
     ASSERT_TRUE(simcam::waitForFrames(2, std::chrono::seconds(5)));
     element->stop();
@@ -115,7 +110,7 @@ TEST_F(CaptureLoop, EncoderLivesForExactlyOneRawRunWhateverIsSetMeanwhile)
 
 TEST_F(CaptureLoop, UnknownFormatFailsEveryPassWithoutTouchingTheDevice)
 {
-    useCamera(camera({format(simcam::kFourccRGB24, {{320, 240}})}), simcam::kFourccRGB24, 320, 240);
+    useCamera(simcam::kFourccRGB24, "", 320, 240);
     ASSERT_EQ(element->play(), 0);
     EXPECT_TRUE(waitForQuit());
     element->stop();
@@ -146,8 +141,8 @@ class EncoderSettings : public CaptureLoop, public testing::WithParamInterface<S
 TEST_P(EncoderSettings, GivenInTheLibrarysOrder)
 {
     const SettingsCase& c = GetParam();
-    simcam::Model model = camera({format(c.fourcc, {{1280, 720}}, c.interval)});
-    useCamera(model, c.fourcc, 1280, 720);
+    useCamera(c.fourcc, "", 1280, 720);
+    simcam::setTimePerFrame("video0", c.interval);
     prepare();
     element->initEncoder();
     EXPECT_EQ(encoder.script->settings, c.expected);
@@ -167,11 +162,9 @@ INSTANTIATE_TEST_SUITE_P(
 
 class RawPass : public CaptureLoop {
 protected:
-    void start(uint32_t fourcc = kYUYV, std::function<void(simcam::Faults&)> fault = {})
+    void start(uint32_t fourcc = kYUYV, const std::string& fault = "")
     {
-        rawCamera(fourcc);
-        if (fault)
-            simcam::modifyFaults(fault);
+        useCamera(fourcc, "unthrottled," + fault, 320, 240);
         prepare();
         ASSERT_EQ(element->v4l2_stream_on(), 0);
         element->initEncoder();
@@ -236,14 +229,14 @@ TEST_F(RawPass, RefusalGivesTheBufferBackAndFails)
 
 TEST_F(RawPass, RequeueFailureFailsThePass)
 {
-    start(kYUYV, [](simcam::Faults& f) { f.streamQbufErrno = EIO; });
+    start(kYUYV, "qbuf-stream=EIO");
     EXPECT_EQ(element->v4l2_get_one_frame_yuv(), -1);
     EXPECT_EQ(queued().size(), 1u);  // the packet was taken before the buffer went back
 }
 
 TEST_F(RawPass, EmptyBuffersSkipTheEncoder)
 {
-    start(kYUYV, [](simcam::Faults& f) { f.emptyEvery = 1; });
+    start(kYUYV, "empty=1");
     EXPECT_EQ(element->v4l2_get_one_frame_yuv(), 0);
     EXPECT_EQ(encoder.script->framesPut, 0);
 }

@@ -14,49 +14,30 @@ using namespace testsupport;
 
 class Device : public SimElementTest {};
 
-simcam::Model withNodes(const std::vector<std::string>& names)
-{
-    simcam::Model model = smallCamera(kH264);
-    simcam::Node prototype = model.cameras[0].nodes[0];
-    model.cameras[0].nodes.clear();
-    for (const std::string& name : names) {
-        simcam::Node node = prototype;
-        node.name = name;
-        model.cameras[0].nodes.push_back(node);
-    }
-    return model;
-}
-
-struct NodeCase {
-    std::vector<std::string> names;
-    std::vector<std::string> acceptable;  // equal keys may come out in either order
-};
-
-class NodeChoice : public Device, public testing::WithParamInterface<NodeCase> {};
+// Node names, and the paths of which any may be opened (equal keys, either order).
+class NodeChoice : public Device, public testing::WithParamInterface<std::pair<const char*, std::vector<std::string>>> {};
 
 TEST_P(NodeChoice, LowestNumberAfterTheVideoPrefixWins)
 {
-    useCamera(withNodes(GetParam().names));
+    useCamera(kH264, std::string("nodes=") + GetParam().first);
     ASSERT_EQ(element->v4l2_dev_open(), 0);
     const auto opens = simcam::stats().opens;
     ASSERT_EQ(opens.size(), 1u);
-    EXPECT_TRUE(std::find(GetParam().acceptable.begin(), GetParam().acceptable.end(), opens[0].path) !=
-                GetParam().acceptable.end())
-        << opens[0].path;
+    const auto& paths = GetParam().second;
+    EXPECT_NE(std::find(paths.begin(), paths.end(), opens[0].path), paths.end()) << opens[0].path;
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Names, NodeChoice,
-    testing::Values(NodeCase{{"video2", "video10", "video0", "video1"}, {"/dev/video0"}},
-                    NodeCase{{"video12", "video3"}, {"/dev/video3"}},  // not a string sort
-                    NodeCase{{"video2", "Video1"}, {"/dev/Video1"}},   // any letter case
-                    NodeCase{{"video4", "videodev"}, {"/dev/videodev"}},  // no number reads as 0
-                    NodeCase{{"video0", "video"}, {"/dev/video0", "/dev/video"}},
-                    NodeCase{{"video-enc", "video0"}, {"/dev/video-enc", "/dev/video0"}}));
+    testing::Values(std::pair("video2/video10/video0/video1", std::vector<std::string>{"/dev/video0"}),
+                    std::pair("video12/video3", std::vector<std::string>{"/dev/video3"}),  // not a string sort
+                    std::pair("video2/Video1", std::vector<std::string>{"/dev/Video1"}),   // any letter case
+                    std::pair("video4/videodev", std::vector<std::string>{"/dev/videodev"}),  // no number: 0
+                    std::pair("video0/video", std::vector<std::string>{"/dev/video0", "/dev/video"})));
 
 TEST_F(Device, OpenFormsUseTheirOwnFlagsAndKeepTheirOwnDescriptor)
 {
-    useCamera(smallCamera(kH264));
+    useCamera(kH264);
     ASSERT_EQ(element->v4l2_dev_open(), 0);
     EXPECT_GT(element->m_fd, 0);
     EXPECT_TRUE(log.contains("INFO: open camera success", 2));
@@ -74,21 +55,17 @@ TEST_F(Device, OpenFormsUseTheirOwnFlagsAndKeepTheirOwnDescriptor)
     EXPECT_EQ(opens[0].flags & (O_ACCMODE | O_NONBLOCK), O_RDWR | O_NONBLOCK);
     EXPECT_EQ(opens[1].flags & (O_ACCMODE | O_NONBLOCK), O_RDONLY);
     EXPECT_EQ(log.count("open camera success"), 1);  // the probe is silent
-}
 
-TEST_F(Device, ReopeningClosesTheDescriptorItReplaces)
-{
-    useCamera(smallCamera(kH264));
-    ASSERT_EQ(element->v4l2_dev_open(), 0);
-    ASSERT_EQ(element->v4l2_dev_open(), 0);
+    ASSERT_EQ(element->v4l2_dev_open(), 0);  // a reopen closes the descriptor it replaces
     EXPECT_EQ(simcam::stats().openDescriptors, 1);
 }
+
 
 // Every way an open fails leaves no descriptor; only a capture open that the system
 // refused queues a USB reset, run later on the element's thread.
 struct OpenCase {
     const char* name;
-    std::function<void(simcam::Model&)> fault;
+    const char* fault;  // model text
     const char* line;
     bool reset;
 };
@@ -97,9 +74,7 @@ class OpenFails : public Device, public testing::WithParamInterface<OpenCase> {}
 
 TEST_P(OpenFails, LeavesNothingOpen)
 {
-    simcam::Model model = smallCamera(kH264);
-    GetParam().fault(model);
-    useCamera(model);
+    useCamera(kH264, GetParam().fault);
     int probe = 7;
     EXPECT_EQ(element->v4l2_dev_open(&probe), -1);
     EXPECT_EQ(probe, -1);
@@ -114,88 +89,61 @@ TEST_P(OpenFails, LeavesNothingOpen)
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, OpenFails,
-    testing::Values(
-        OpenCase{"Missing", [](simcam::Model& m) { m.cameras[0].nodes[0].faults.openErrno = ENOENT; },
-                 "open camera failed\n\n", true},
-        OpenCase{"Busy", [](simcam::Model& m) { m.cameras[0].nodes[0].faults.openErrno = EBUSY; },
-                 "open camera failed  v4l2_dev_open(int)\n\n", true},
-        OpenCase{"NoVideoEntry", [](simcam::Model& m) { m = withNodes({"camera0"}); }, "open camera failed\n\n",
-                 true},
-        OpenCase{"MetadataNodeFirst",
-                 [](simcam::Model& m) { std::swap(m.cameras[0].nodes[0].name, m.cameras[0].nodes[1].name); },
-                 "Error: No capture video device!", false},
-        OpenCase{"CapabilityQueryFails", [](simcam::Model& m) { m.cameras[0].nodes[0].faults.querycapErrno = EIO; },
-                 "Error: No capture video device!", false}),
+    testing::Values(OpenCase{"Missing", "open=ENOENT", "open camera failed\n\n", true},
+                    OpenCase{"Busy", "open=EBUSY", "open camera failed  v4l2_dev_open(int)\n\n", true},
+                    OpenCase{"NoVideoEntry", "nodes=camera0", "open camera failed\n\n", true},
+                    OpenCase{"MetadataNodeFirst", "nodes=video0:meta/video1", "Error: No capture video device!", false},
+                    OpenCase{"CapabilityQueryFails", "querycap=EIO", "Error: No capture video device!", false}),
     [](const testing::TestParamInfo<OpenCase>& info) { return std::string(info.param.name); });
 
 // ---- formats --------------------------------------------------------------------------
 
-std::vector<std::tuple<int, int, int>> entries(const QList<MediaFormat>& list)
+// (codec type, width, height) of each entry listed through a probe descriptor.
+std::vector<std::tuple<int, int, int>> listed(V4LCameraCapturePlugin& element)
 {
+    int fd = -1;
+    EXPECT_EQ(element.v4l2_dev_open(&fd), 0);
     std::vector<std::tuple<int, int, int>> out;
-    for (const MediaFormat& f : list) {
+    for (const MediaFormat& f : element.listCameraFormat(fd))
         out.emplace_back(f.codecType, f.width, f.height);
-        EXPECT_EQ(f.majorType, -1);  // nothing but codec and size is filled
-        EXPECT_EQ(f.frameRateNum, -1);
-    }
+    ::close(fd);
     return out;
 }
 
 TEST_F(Device, ListsUsableFormatsInDriverOrder)
 {
-    simcam::Format rgb = format(simcam::kFourccRGB24, {{320, 240}});
-    useCamera(camera({rgb, format(kMJPG, {{1920, 1080}, {1280, 720}}), format(kYUYV, {{640, 480}}),
-                      format(kHEVC, {{1280, 720}}), format(kNV12, {{640, 480}}), format(kH264, {{800, 600}})}));
-    int fd = -1;
-    ASSERT_EQ(element->v4l2_dev_open(&fd), 0);
-    const auto list = entries(element->listCameraFormat(fd));
-    ::close(fd);
+    useCamera(simcam::parseModel("formats=RGB3/MJPG/YUYV/HEVC/NV12/H264,size=1280x720/640x480"));
     const std::vector<std::tuple<int, int, int>> expected = {
-        {9, 1920, 1080}, {9, 1280, 720}, {11, 640, 480}, {7, 1280, 720}, {12, 640, 480}, {6, 800, 600}};
-    EXPECT_EQ(list, expected);
+        {9, 1280, 720}, {9, 640, 480}, {11, 1280, 720}, {11, 640, 480}, {7, 1280, 720},
+        {7, 640, 480},  {12, 1280, 720}, {12, 640, 480}, {6, 1280, 720}, {6, 640, 480}};
+    EXPECT_EQ(listed(*element), expected);
     EXPECT_TRUE(element->listCameraFormat(-1).isEmpty());
 }
 
-struct RangeCase {
-    simcam::StepwiseSize range;
-    std::vector<std::pair<int, int>> sizes;
-};
-
-class SizeRange : public Device, public testing::WithParamInterface<RangeCase> {};
+// A size range (model text) lists the common sizes on its step between its ends.
+using Sizes = std::vector<std::pair<int, int>>;
+class SizeRange : public Device, public testing::WithParamInterface<std::pair<const char*, Sizes>> {};
 
 TEST_P(SizeRange, ListsTheSizesAUserWouldPick)
 {
-    simcam::Format yuyv;
-    yuyv.fourcc = kYUYV;
-    yuyv.stepwise = GetParam().range;
-    yuyv.stepwise->intervals = {{1, 30}};
-    useCamera(camera({yuyv}));
-    int fd = -1;
-    ASSERT_EQ(element->v4l2_dev_open(&fd), 0);
-    const auto list = entries(element->listCameraFormat(fd));
-    ::close(fd);
-    std::vector<std::pair<int, int>> sizes;
-    for (const auto& [codec, w, h] : list)
+    useCamera(simcam::parseModel(std::string("yuyv,fps=30,size=") + GetParam().first));
+    Sizes sizes;
+    for (const auto& [codec, w, h] : listed(*element))
         sizes.emplace_back(w, h);
-    EXPECT_EQ(sizes, GetParam().sizes);
-    EXPECT_TRUE(log.contains("size:640x480 [1/30]", 4) ==
-                (std::find(sizes.begin(), sizes.end(), std::make_pair(640, 480)) != sizes.end()));
+    EXPECT_EQ(sizes, GetParam().second);
+    EXPECT_EQ(log.contains("size:640x480 [1/30]", 4), std::count(sizes.begin(), sizes.end(), std::pair(640, 480)) == 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Ranges, SizeRange,
-    testing::Values(
-        // Stepwise: the common sizes on the step between the ends.
-        RangeCase{{160, 1280, 16, 120, 720, 8, {}},
-                  {{160, 120}, {176, 144}, {320, 240}, {352, 288}, {640, 360}, {640, 480}, {800, 600},
-                   {1280, 720}}},
-        // A coarse step leaves most out, and the largest is the one the step reaches.
-        RangeCase{{160, 1920, 320, 120, 1080, 240, {}}, {{160, 120}, {800, 600}, {1760, 1080}}},
-        // Continuous: every common size inside.
-        RangeCase{{100, 700, 1, 100, 500, 1, {}},
-                  {{100, 100}, {160, 120}, {176, 144}, {320, 240}, {352, 288}, {640, 360}, {640, 480},
-                   {700, 500}}},
-        RangeCase{{640, 640, 1, 480, 480, 1, {}}, {{640, 480}}}));
+    testing::Values(std::pair("160x120-1280x720:16x8", Sizes{{160, 120}, {176, 144}, {320, 240}, {352, 288},
+                                                             {640, 360}, {640, 480}, {800, 600}, {1280, 720}}),
+                    // A coarse step leaves most out, and the largest is the one the step reaches.
+                    std::pair("160x120-1920x1080:320x240", Sizes{{160, 120}, {800, 600}, {1760, 1080}}),
+                    // Continuous: every common size inside.
+                    std::pair("100x100-700x500", Sizes{{100, 100}, {160, 120}, {176, 144}, {320, 240}, {352, 288},
+                                                       {640, 360}, {640, 480}, {700, 500}}),
+                    std::pair("640x480-640x480", Sizes{{640, 480}})));
 
 struct GuardCase {
     int width, height;
@@ -207,7 +155,7 @@ class SetFormatGuard : public Device, public testing::WithParamInterface<GuardCa
 
 TEST_P(SetFormatGuard, RefusesNonPositiveHeightOrFormatBeforeTheDriver)
 {
-    useCamera(smallCamera(kH264), GetParam().format, GetParam().width, GetParam().height);
+    useCamera(camera(kH264), GetParam().format, GetParam().width, GetParam().height);
     ASSERT_EQ(element->v4l2_dev_open(), 0);
     EXPECT_EQ(element->v4l2_set_format(), GetParam().result);
     const bool guarded = GetParam().result == -1;
@@ -219,34 +167,26 @@ INSTANTIATE_TEST_SUITE_P(Requests, SetFormatGuard,
                          testing::Values(GuardCase{640, 0, kH264, -1}, GuardCase{640, 480, 0, -1},
                                          GuardCase{640, 480, 0x80000000u, -1}, GuardCase{0, 480, kH264, 0}));
 
-TEST_F(Device, AdjustedSizeSucceedsAndKeepsTheRequest)
+// An adjusted size succeeds and keeps the request; the frame interval is read back, or left
+// alone when the driver cannot tell it.
+TEST_F(Device, AdjustedSizeKeepsTheRequestAndTheIntervalIsReadBackOrLeftAlone)
 {
-    useCamera(camera({format(kMJPG, {{1280, 720}})}), kMJPG, 1920, 1080);
+    useCamera(camera(kMJPG, "fps=25", 1280, 720), kMJPG, 1920, 1080);
     ASSERT_EQ(element->v4l2_dev_open(), 0);
     EXPECT_EQ(element->v4l2_set_format(), 0);
-    EXPECT_EQ(element->m_width, 1920);
-    EXPECT_EQ(element->m_height, 1080);
-}
-
-TEST_F(Device, FrameIntervalIsReadBackOrLeftAlone)
-{
-    useCamera(camera({format(kH264, {{640, 480}}, {1, 25})}));
-    ASSERT_EQ(element->v4l2_dev_open(), 0);
-    ASSERT_EQ(element->v4l2_set_format(), 0);
-    EXPECT_EQ(element->m_frameRateNum, 25);
-    EXPECT_EQ(element->m_frameRateDen, 1);
+    EXPECT_EQ(std::tuple(element->m_width, element->m_height, element->m_frameRateNum, element->m_frameRateDen),
+              std::tuple(1920, 1080, 25, 1));
 
     simcam::modifyFaults([](simcam::Faults& f) { f.parmErrno = EINVAL; }, "video0");
     element->m_frameRateNum = 7;
     element->m_frameRateDen = 3;
     EXPECT_EQ(element->v4l2_set_format(), 0);
-    EXPECT_EQ(element->m_frameRateNum, 7);
-    EXPECT_EQ(element->m_frameRateDen, 3);
+    EXPECT_EQ(std::pair(element->m_frameRateNum, element->m_frameRateDen), std::pair(7, 3));
 }
 
 TEST_F(Device, FifthConsecutiveRefusalQueuesExactlyOneReset)
 {
-    useCamera(smallCamera(kH264));
+    useCamera(kH264);
     ASSERT_EQ(element->v4l2_dev_open(), 0);
     ASSERT_EQ(element->v4l2_set_format(), 0);  // the process-wide count starts from zero
 
@@ -276,38 +216,28 @@ TEST_F(Device, FifthConsecutiveRefusalQueuesExactlyOneReset)
 
 // ---- USB reset walk -------------------------------------------------------------------
 
-struct WalkCase {
-    simcam::Attachment attachment;
-    int busnum, devnum;
-    std::string expected;  // usbfs path reset, empty: none (the "-3" line)
-};
-
-class ResetWalk : public Device, public testing::WithParamInterface<WalkCase> {};
+// Where sysfs keeps the numbers (model text), and the usbfs path reset; none: the "-3" line.
+class ResetWalk : public Device, public testing::WithParamInterface<std::pair<const char*, const char*>> {};
 
 TEST_P(ResetWalk, FindsBusAndDeviceNumbers)
 {
-    simcam::Model model = smallCamera(kH264);
-    model.cameras[0].attachment = GetParam().attachment;
-    model.cameras[0].busnum = GetParam().busnum;
-    model.cameras[0].devnum = GetParam().devnum;
-    useCamera(model);
+    useCamera(kH264, GetParam().first);
     EXPECT_EQ(element->resetUsbCamera(), 0);
     runQueuedCalls();
     const auto resets = simcam::stats().resets;
-    if (GetParam().expected.empty()) {
+    if (!*GetParam().second) {
         EXPECT_TRUE(resets.empty());
         EXPECT_TRUE(log.contains("ERROR: resetUsbCamera failed -3\n\n", 0));
     } else {
         ASSERT_EQ(resets.size(), 1u);
-        EXPECT_EQ(resets.begin()->first, GetParam().expected);
+        EXPECT_EQ(resets.begin()->first, GetParam().second);
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Trees, ResetWalk,
-    testing::Values(WalkCase{simcam::Attachment::UsbDevice, 1, 4, "/dev/bus/usb/001/004"},
-                    WalkCase{simcam::Attachment::UsbInterface, 2, 7, "/dev/bus/usb/002/007"},
-                    WalkCase{simcam::Attachment::UsbDevice, 12, 123, "/dev/bus/usb/012/123"},
-                    WalkCase{simcam::Attachment::Platform, 0, 0, ""}));
+    testing::Values(std::pair("usb=device,bus=1,dev=4", "/dev/bus/usb/001/004"),
+                    std::pair("usb=interface,bus=2,dev=7", "/dev/bus/usb/002/007"),
+                    std::pair("bus=12,dev=123", "/dev/bus/usb/012/123"), std::pair("usb=none", "")));
 
 } // namespace

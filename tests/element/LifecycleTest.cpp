@@ -64,7 +64,7 @@ int settledThreadCount()
 
 TEST_F(Lifecycle, PlayStreamsUntilStopAndEveryPlayOpensAfresh)
 {
-    useCamera(smallCamera(kH264));
+    useCamera(kH264);
     element->initialize();
     for (int round = 1; round <= 2; ++round) {
         ASSERT_EQ(element->play(), 0);
@@ -105,7 +105,7 @@ TEST_F(Lifecycle, PlayStreamsUntilStopAndEveryPlayOpensAfresh)
 // failed dequeue (unplugged camera); stop, pause and deleting must not wait for either.
 struct StopCase {
     const char* name;
-    bool unplugged;
+    const char* fault;  // model text
     int playedMs;
     bool viaPause;
 };
@@ -115,14 +115,7 @@ class StopsPromptly : public Lifecycle, public testing::WithParamInterface<StopC
 TEST_P(StopsPromptly, WhateverTheCaptureThreadWaitsFor)
 {
     constexpr auto kBound = std::chrono::milliseconds(250);  // loose for sanitizers and emulation
-    simcam::Model model = smallCamera(kH264);
-    if (GetParam().unplugged) {
-        model.cameras[0].nodes[0].faults.dqbufErrno = ENODEV;
-        model.cameras[0].nodes[0].faults.dqbufAfter = 2;
-    } else {
-        model.cameras[0].nodes[0].faults.stall = true;
-    }
-    useCamera(model);
+    useCamera(kH264, GetParam().fault);
     ASSERT_EQ(element->play(), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(GetParam().playedMs));
     auto start = std::chrono::steady_clock::now();
@@ -137,55 +130,40 @@ TEST_P(StopsPromptly, WhateverTheCaptureThreadWaitsFor)
 
 INSTANTIATE_TEST_SUITE_P(
     Cameras, StopsPromptly,
-    testing::Values(StopCase{"Stalled1200", false, 1200, false}, StopCase{"Stalled2000", false, 2000, true},
-                    StopCase{"Stalled2500", false, 2500, false}, StopCase{"Unplugged1200", true, 1200, true},
-                    StopCase{"Unplugged2000", true, 2000, false}, StopCase{"Unplugged2500", true, 2500, false}),
+    testing::Values(StopCase{"Stalled1200", "stall", 1200, false}, StopCase{"Stalled2000", "stall", 2000, true},
+                    StopCase{"Stalled2500", "stall", 2500, false}, StopCase{"Unplugged1200", "unplug=2", 1200, true},
+                    StopCase{"Unplugged2000", "unplug=2", 2000, false}, StopCase{"Unplugged2500", "unplug=2", 2500, false}),
     [](const testing::TestParamInfo<StopCase>& info) { return std::string(info.param.name); });
 
-struct PlayFailure {
-    const char* name;
-    std::function<void(simcam::Model&)> fault;
-    const char* line;
-};
-
-class PlayFails : public Lifecycle, public testing::WithParamInterface<PlayFailure> {};
+// A fault (model text) and the line play logs.
+class PlayFails : public Lifecycle, public testing::WithParamInterface<std::pair<const char*, const char*>> {};
 
 TEST_P(PlayFails, LeavesNoDeviceOpenAndTheStateAsItWas)
 {
-    simcam::Model model = smallCamera(kH264);
-    GetParam().fault(model);
-    useCamera(model);
+    useCamera(kH264, GetParam().first);
     element->initialize();
     EXPECT_EQ(element->play(), -1);
-    EXPECT_TRUE(log.contains(GetParam().line, 0)) << GetParam().line;
+    EXPECT_TRUE(log.contains(GetParam().second, 0)) << GetParam().second;
     EXPECT_EQ(element->getState(), 1);
     EXPECT_EQ(element->m_fd, -1);
     EXPECT_FALSE(element->m_captureThread.joinable());
     EXPECT_EQ(simcam::stats().openDescriptors, 0);
 
     // Once the camera behaves, the next play opens it afresh.
-    simcam::configure(smallCamera(kH264));
+    simcam::configure(camera(kH264));
     EXPECT_EQ(element->play(), 0);
     EXPECT_EQ(element->stop(), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Steps, PlayFails,
-    testing::Values(
-        PlayFailure{"NoCamera", [](simcam::Model& m) { m.cameras[0].nodes[0].faults.openErrno = ENOENT; },
-                    "dev open failed"},
-        PlayFailure{"Busy", [](simcam::Model& m) { m.cameras[0].nodes[0].faults.busy = true; }, "set format failed\n"},
-        PlayFailure{"FormatRefused", [](simcam::Model& m) { m.cameras[0].nodes[0].faults.sfmtErrno = EINVAL; },
-                    "set format failed\n"},
-        PlayFailure{"EnqueueFails", [](simcam::Model& m) { m.cameras[0].nodes[0].faults.qbufErrno = EFAULT; },
-                    "v4l2_stream_on#v4l2_init_buffer() failed"}),
-    [](const testing::TestParamInfo<PlayFailure>& info) { return std::string(info.param.name); });
+    testing::Values(std::pair("open=ENOENT", "dev open failed"), std::pair("busy", "set format failed\n"),
+                    std::pair("sfmt=EINVAL", "set format failed\n"),
+                    std::pair("qbuf=EIO", "v4l2_stream_on#v4l2_init_buffer() failed")));
 
 TEST_F(Lifecycle, CaptureLoopThatCannotStreamWaitsForStop)
 {
-    simcam::Model model = smallCamera(kH264);
-    model.cameras[0].nodes[0].faults.streamonErrno = EIO;
-    useCamera(model);
+    useCamera(kH264, "streamon=EIO");
     int events = 0;
     QObject::connect(element.get(), &IMediaElement::mediaEvent, [&](QString, QVariant) { ++events; });
     ASSERT_EQ(element->play(), 0);
@@ -200,7 +178,7 @@ TEST_F(Lifecycle, CaptureLoopThatCannotStreamWaitsForStop)
 
 TEST_F(Lifecycle, InitializeOrDeleteWhilePlayingStopsTheCapture)
 {
-    useCamera(smallCamera(kH264));
+    useCamera(kH264);
     ASSERT_EQ(element->play(), 0);
     EXPECT_EQ(element->initialize(), 0);
     EXPECT_EQ(element->getState(), 1);
@@ -216,9 +194,7 @@ TEST_F(Lifecycle, InitializeOrDeleteWhilePlayingStopsTheCapture)
 
 TEST_F(Lifecycle, RepeatedPlayAndStopLeakNothing)
 {
-    simcam::Model model = smallCamera(kMJPG);
-    model.unthrottled = true;
-    useCamera(model, kMJPG);
+    useCamera(kMJPG, "unthrottled");
     element->initialize();
     ASSERT_EQ(element->play(), 0);  // warm up: first-use allocations are not leaks
     ASSERT_EQ(element->stop(), 0);

@@ -21,35 +21,14 @@ constexpr uint32_t kMJPG = simcam::kFourccMJPG;
 constexpr uint32_t kYUYV = simcam::kFourccYUYV;
 constexpr uint32_t kNV12 = simcam::kFourccNV12;
 
-inline simcam::Format format(uint32_t fourcc, std::vector<std::pair<uint32_t, uint32_t>> sizes,
-                             simcam::Interval interval = {1, 30})
+// A USB camera ("video0", with a metadata node "video1") offering one format at one size,
+// at 30 fps, with short clips; `settings` appends model text ("open=ENOENT,stall").
+inline simcam::Model camera(uint32_t fourcc, const std::string& settings = "", int w = 640, int h = 480)
 {
-    simcam::Format f;
-    f.fourcc = fourcc;
-    for (auto [w, h] : sizes)
-        f.sizes.push_back({w, h, {interval}});
-    return f;
+    const char name[] = {char(fourcc), char(fourcc >> 8), char(fourcc >> 16), char(fourcc >> 24), 0};
+    return simcam::parseModel(std::string("formats=") + name + ",size=" + std::to_string(w) + "x" +
+                              std::to_string(h) + ",fps=30,clip=8,gop=4," + settings);
 }
-
-// One USB camera with a capture node "video0" and a metadata node "video1".
-inline simcam::Model camera(std::vector<simcam::Format> formats)
-{
-    simcam::Node capture;
-    capture.name = "video0";
-    capture.formats = std::move(formats);
-    capture.content.clipFrames = 8;
-    capture.content.keyInterval = 4;
-    simcam::Node metadata;
-    metadata.name = "video1";
-    metadata.kind = simcam::NodeKind::Metadata;
-    simcam::Camera cam;
-    cam.nodes = {capture, metadata};
-    simcam::Model model;
-    model.cameras = {cam};
-    return model;
-}
-
-inline simcam::Model smallCamera(uint32_t fourcc) { return camera({format(fourcc, {{640, 480}})}); }
 
 class SimElementTest : public testing::Test {
 protected:
@@ -75,6 +54,10 @@ protected:
         element->m_format = fourcc;
         element->m_width = w;
         element->m_height = h;
+    }
+    void useCamera(uint32_t fourcc, const std::string& settings = "", int w = 640, int h = 480)
+    {
+        useCamera(camera(fourcc, settings, w, h), fourcc, w, h);
     }
 
     // Open, set format, set up buffers: what play does before its thread starts.
