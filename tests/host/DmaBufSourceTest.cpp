@@ -28,34 +28,18 @@ int openDescriptors()
     return n - 1;  // the directory's own
 }
 
+std::vector<DmaBufSource> allSources()
+{
+    bool ok;
+    return Codec::sourceOrder(nullptr, &ok);
+}
+
 std::string names(const std::vector<DmaBufSource>& sources)
 {
     std::string out;
     for (DmaBufSource s : sources)
         out += std::string(out.empty() ? "" : " ") + Codec::dmaBufSourceName(s);
     return out;
-}
-
-struct OrderCase {
-    const char* forced;
-    bool known;
-    const char* order;
-};
-
-TEST(DmaBufSource, OrderIsEverySourceBestFirstOrTheOneForced)
-{
-    const OrderCase cases[] = {
-        {nullptr, true, "dma-heap udmabuf drm memfd"},
-        {"", true, "dma-heap udmabuf drm memfd"},
-        {"drm", true, "drm"},
-        {"memfd", true, "memfd"},
-        {"DRM", false, ""},
-    };
-    for (const OrderCase& c : cases) {
-        bool known = !c.known;
-        EXPECT_EQ(names(Codec::sourceOrder(c.forced, &known)), c.order) << (c.forced ? c.forced : "(unset)");
-        EXPECT_EQ(known, c.known) << (c.forced ? c.forced : "(unset)");
-    }
 }
 
 // A stand-in for the kernel: sources in `working` hand out memfd memory, the others
@@ -95,10 +79,7 @@ TEST(DmaBufSource, ChooserTakesTheFirstWorkingSourceAndStartsThereNextTime)
         {{DmaBufSource::Drm, DmaBufSource::Memfd}, "dma-heap udmabuf drm", "drm"},
         {{DmaBufSource::Memfd}, "dma-heap udmabuf drm memfd", "memfd"},
     };
-    const auto all = [] {
-        bool ok;
-        return Codec::sourceOrder(nullptr, &ok);
-    }();
+    const auto all = allSources();
     for (const ChooserCase& c : cases) {
         FakeSources fake{c.working, {}, {}};
         Codec::DmaBufChooser chooser = fake.chooser();
@@ -117,20 +98,18 @@ TEST(DmaBufSource, ChooserTakesTheFirstWorkingSourceAndStartsThereNextTime)
     }
 }
 
+// When the source in use refuses, the chooser falls back and says so; a forced source is the
+// only one tried, whatever served before.
 TEST(DmaBufSource, ChooserFallsBackWhenTheCurrentSourceRefusesAndSaysSo)
 {
     FakeSources fake{{DmaBufSource::DmaHeap, DmaBufSource::Drm}, {}, {}};
     Codec::DmaBufChooser chooser = fake.chooser();
-    bool ok;
-    const auto all = Codec::sourceOrder(nullptr, &ok);
-    ASSERT_TRUE(chooser.allocate(all, 4096, nullptr).valid());
+    ASSERT_TRUE(chooser.allocate(allSources(), 4096, nullptr).valid());
     fake.working = {DmaBufSource::Drm};  // the heap runs dry
     fake.tried.clear();
-    ASSERT_TRUE(chooser.allocate(all, 4096, nullptr).valid());
+    ASSERT_TRUE(chooser.allocate(allSources(), 4096, nullptr).valid());
     EXPECT_EQ(names(fake.tried), "dma-heap udmabuf drm");
     EXPECT_EQ(names(fake.announced), "dma-heap drm");
-
-    // A forced source is the only one tried, whatever served before.
     fake.tried.clear();
     errno = 0;
     EXPECT_FALSE(chooser.allocate({DmaBufSource::Udmabuf}, 4096, nullptr).valid());
@@ -142,8 +121,7 @@ TEST(DmaBufSource, ChooserFallsBackWhenTheCurrentSourceRefusesAndSaysSo)
 // either way nothing stays open afterwards (this machine decides which).
 TEST(DmaBufSource, RealSourcesServeOrRefuseWithoutLeavingDescriptors)
 {
-    bool ok;
-    for (DmaBufSource source : Codec::sourceOrder(nullptr, &ok)) {
+    for (DmaBufSource source : allSources()) {
         const int before = openDescriptors();
         {
             MappedDmaBuf buf = Codec::allocateFrom(source, 3 * 4096);
@@ -168,10 +146,37 @@ struct ScopedEnv {
     const char* m_name;
 };
 
+using MemPtr = std::unique_ptr<Codec::MediaMem, void (*)(Codec::MediaMem*)>;
+
+MemPtr dmaAllocator() { return MemPtr(Codec::MediaMem::create(Codec::MEDIA_BUFFER_TYPE_DMA), Codec::MediaMem::destroy); }
+
+// The memory is mapped whole and stays valid after the allocator is gone, until the frame
+// is freed; freeing twice, or what holds no memory, is harmless.
+TEST(MediaMem, DmaMemoryIsMappedWithADescriptorAndOutlivesTheAllocator)
+{
+    Codec::MediaFrame frame, never, failed;
+    const int bytes = 3 * 640 * 480;
+    ASSERT_EQ(dmaAllocator()->alloc(&frame, bytes), 0);
+    EXPECT_GE(frame.fd, 0);
+    EXPECT_EQ(frame.size, uint32_t(bytes));
+    ASSERT_NE(frame.data, nullptr);
+    std::memset(frame.data, 0x5a, size_t(bytes));  // all of it is mapped
+    const std::string source = Codec::MediaMem::dmaSourceName();
+    EXPECT_TRUE(source == "dma-heap" || source == "udmabuf" || source == "drm" || source == "memfd") << source;
+    Codec::MediaMem::free(&frame);
+    EXPECT_EQ(frame.fd, -1);
+    EXPECT_EQ(frame.data, nullptr);
+    Codec::MediaMem::free(&frame);
+    Codec::MediaMem::free(&never);
+    Codec::MediaMem::free(nullptr);
+    EXPECT_EQ(dmaAllocator()->alloc(&failed, 0), -1);
+    EXPECT_EQ(failed.fd, -1);
+    Codec::MediaMem::free(&failed);
+}
+
 TEST(DmaBufSource, AllocatorRefusedByEverySourceLeavesNoDescriptorAndAnEmptyBuffer)
 {
-    std::unique_ptr<Codec::MediaMem, void (*)(Codec::MediaMem*)> mem(
-        Codec::MediaMem::create(Codec::MEDIA_BUFFER_TYPE_DMA), Codec::MediaMem::destroy);
+    MemPtr mem = dmaAllocator();
     const char* refused[] = {"no-such-source", "drm"};
     for (const char* name : refused) {
         if (std::string(name) == "drm" && access("/dev/dri", F_OK) == 0)
