@@ -3,9 +3,9 @@
 #include "SimTest.h"
 
 #include <dirent.h>
+#include <algorithm>
 #include <fstream>
 #include <sstream>
-#include <sys/stat.h>
 
 using namespace simcam;
 using namespace simtest;
@@ -33,19 +33,11 @@ TEST_P(PassThrough, RealPathsAndDescriptorsAreUntouched)
 
     // read() through open() against the C++ library's own file access.
     UniqueFd hosts(::open("/etc/hostname", O_RDONLY));
-    std::string viaOpen;
-    char buf[256];
-    for (ssize_t n; (n = ::read(hosts.get(), buf, sizeof buf)) > 0;)
-        viaOpen.append(buf, size_t(n));
+    std::string viaOpen(256, 0);
+    viaOpen.resize(size_t(std::max<ssize_t>(0, ::read(hosts.get(), viaOpen.data(), viaOpen.size()))));
     std::stringstream viaStream;
     viaStream << std::ifstream("/etc/hostname").rdbuf();
     EXPECT_EQ(viaOpen, viaStream.str());
-
-    UniqueFd null(::open("/dev/null", O_WRONLY));
-    struct stat st {};
-    ASSERT_EQ(fstat(null.get(), &st), 0);
-    EXPECT_TRUE(S_ISCHR(st.st_mode));
-    EXPECT_EQ(::write(null.get(), "x", 1), 1);
 
     int pipeFds[2];
     ASSERT_EQ(pipe(pipeFds), 0);

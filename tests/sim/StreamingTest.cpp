@@ -57,29 +57,6 @@ INSTANTIATE_TEST_SUITE_P(
                       ContentCase{"nv12", kFourccNV12, {}, {}, 320 * 240 * 3 / 2}),
     [](const auto& info) { return std::string(info.param.model); });
 
-TEST_F(SimTest, ForcedKeyFrameFollowsWithinTheQueueDepth)
-{
-    ScopedModel model("h264,size=320x240,fps=100,gop=30,clip=30");
-    Stream s(kFourccH264, 320, 240);
-    ASSERT_EQ(s.error, 0) << s.failedAt;
-    // The control is the camera's: another descriptor on the node asks for the key frame.
-    UniqueFd other{::open("/dev/video0", O_RDWR)};
-    std::vector<bool> key;
-    for (int i = 0; i < 12; ++i) {
-        if (i == 6) {
-            v4l2_control c{V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME, 1};
-            ASSERT_EQ(xioctl(other.get(), VIDIOC_S_CTRL, &c), 0);
-        }
-        v4l2_buffer b{};
-        ASSERT_EQ(s.dequeue(b), 0);
-        key.push_back(b.flags & V4L2_BUF_FLAG_KEYFRAME);
-        ASSERT_EQ(s.requeue(b), 0);
-    }
-    EXPECT_EQ(std::count(key.begin(), key.begin() + 6, true), 1);
-    EXPECT_TRUE(key[0]);
-    EXPECT_EQ(std::count(key.begin() + 6, key.end(), true), 1) << "once, after the frames already filled";
-}
-
 // Frames come at the configured rate, and timestamps keep the camera's rhythm, counting
 // any frame a slow reader made it drop. (Unthrottled cameras pace the element's tests.)
 TEST_F(SimTest, FramesComeAtTheConfiguredRate)
