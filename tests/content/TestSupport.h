@@ -1,6 +1,5 @@
 #pragma once
-// Helpers shared by the content tests: fetching and rendering frames, Annex B NAL units,
-// running a tool.
+// Helpers shared by the content tests: fetching and rendering frames, Annex B NAL units.
 
 #include "content/ContentSource.h"
 
@@ -8,7 +7,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -52,20 +50,6 @@ inline std::vector<int> nalTypes(const std::vector<uint8_t>& au, bool hevc)
     for (size_t p : nalHeaders(au))
         t.push_back(hevc ? au[p] >> 1 & 0x3f : au[p] & 0x1f);
     return t;
-}
-
-// Runs a shell command; its stdout, and its exit status in *status.
-inline std::string run(const std::string& cmd, int* status)
-{
-    std::string out;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p)
-        return out;
-    char buf[4096];
-    for (size_t got; (got = fread(buf, 1, sizeof buf, p)) > 0;)
-        out.append(buf, got);
-    *status = pclose(p);
-    return out;
 }
 
 } // namespace simcam::test
