@@ -125,7 +125,6 @@ TEST_P(StopsPromptly, WhateverTheCaptureThreadWaitsFor)
     start = std::chrono::steady_clock::now();
     element.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - start, kBound);
-    EXPECT_EQ(simcam::stats().openDescriptors, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -173,7 +172,6 @@ TEST_F(Lifecycle, CaptureLoopThatCannotStreamWaitsForStop)
     EXPECT_EQ(element->getState(), 3);
     EXPECT_EQ(element->stop(), 0);
     EXPECT_EQ(events, 0);
-    EXPECT_EQ(simcam::stats().openDescriptors, 0);
 }
 
 TEST_F(Lifecycle, InitializeOrDeleteWhilePlayingStopsTheCapture)
@@ -187,9 +185,7 @@ TEST_F(Lifecycle, InitializeOrDeleteWhilePlayingStopsTheCapture)
 
     ASSERT_EQ(element->play(), 0);
     ASSERT_TRUE(simcam::waitForFrames(2, std::chrono::seconds(5)));
-    element.reset();
-    EXPECT_EQ(simcam::stats().openDescriptors, 0);
-    EXPECT_EQ(simcam::stats().mappings, 0);
+    element.reset();  // the fixture checks that nothing is left open
 }
 
 TEST_F(Lifecycle, RepeatedPlayAndStopLeakNothing)
@@ -207,11 +203,8 @@ TEST_F(Lifecycle, RepeatedPlayAndStopLeakNothing)
     }
     EXPECT_EQ(countEntries("/proc/self/fd"), fds);
     EXPECT_EQ(settledThreadCount(), threads);
-    const simcam::Stats s = simcam::stats();
-    EXPECT_EQ(s.openDescriptors, 0);
-    EXPECT_EQ(s.mappings, 0);
-    EXPECT_EQ(s.clockThreads, 0);
-    EXPECT_EQ(s.streams, 0);
+    EXPECT_EQ(simcam::stats().clockThreads, 0);
+    EXPECT_EQ(simcam::stats().streams, 0);
     EXPECT_EQ(element->m_mediaMem, nullptr);
 }
 

@@ -43,6 +43,9 @@ protected:
             element->stop();
         element.reset();  // also drops queued calls posted to it
         V4LCameraCapturePlugin::m_isStreaming = false;
+        // Nothing the element opened or mapped outlives it.
+        EXPECT_EQ(simcam::stats().openDescriptors, 0);
+        EXPECT_EQ(simcam::stats().mappings, 0);
         simcam::clear();
     }
 
