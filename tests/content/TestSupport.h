@@ -34,21 +34,15 @@ inline void checkRender(const ContentSource& s, uint64_t index)
     EXPECT_TRUE(untouchedFrom(n)) << "wrote past frameSize";
 }
 
-// Offset of each NAL unit header after a 00 00 01 start code (a 4-byte code ends in one).
-inline std::vector<size_t> nalHeaders(const std::vector<uint8_t>& b)
-{
-    std::vector<size_t> out;
-    for (size_t i = 0; i + 3 < b.size(); ++i)
-        if (b[i] == 0 && b[i + 1] == 0 && b[i + 2] == 1)
-            out.push_back(i += 3);
-    return out;
-}
-
-inline std::vector<int> nalTypes(const std::vector<uint8_t>& au, bool hevc)
+// nal_unit_type of each NAL unit after a 00 00 01 start code (a 4-byte code ends in one).
+inline std::vector<int> nalTypes(const std::vector<uint8_t>& b, bool hevc)
 {
     std::vector<int> t;
-    for (size_t p : nalHeaders(au))
-        t.push_back(hevc ? au[p] >> 1 & 0x3f : au[p] & 0x1f);
+    for (size_t i = 0; i + 3 < b.size(); ++i)
+        if (b[i] == 0 && b[i + 1] == 0 && b[i + 2] == 1) {
+            i += 3;
+            t.push_back(hevc ? b[i] >> 1 & 0x3f : b[i] & 0x1f);
+        }
     return t;
 }
 

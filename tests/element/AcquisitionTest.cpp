@@ -44,12 +44,6 @@ protected:
         prepare();
         ASSERT_EQ(element->v4l2_stream_on(), 0);
     }
-    void TearDown() override
-    {
-        if (element)
-            element->v4l2_stream_off();
-        SimElementTest::TearDown();
-    }
 };
 
 struct BacklogCase {
