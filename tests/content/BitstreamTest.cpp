@@ -19,14 +19,7 @@ struct Clip {
     int w, h, clipFrames, keyInterval;
     size_t hevcMinFrameBytes;
 
-    ContentOptions options() const
-    {
-        ContentOptions o;
-        o.clipFrames = clipFrames;
-        o.keyInterval = keyInterval;
-        o.hevcMinFrameBytes = hevcMinFrameBytes;
-        return o;
-    }
+    ContentOptions options() const { return test::clip(clipFrames, keyInterval, 30, hevcMinFrameBytes); }
 };
 void PrintTo(const Clip& c, std::ostream* os) { *os << c.name; }
 

@@ -11,16 +11,8 @@
 namespace simcam {
 namespace {
 
+using test::clip;
 using test::frame;
-
-ContentOptions clip(int clipFrames, int keyInterval = 30, int frameRate = 30)
-{
-    ContentOptions o;
-    o.clipFrames = clipFrames;
-    o.keyInterval = keyInterval;
-    o.frameRate = frameRate;
-    return o;
-}
 
 TEST(ContentSource, RefusesBadRequests)
 {

@@ -12,6 +12,16 @@
 
 namespace simcam::test {
 
+inline ContentOptions clip(int clipFrames, int keyInterval = 30, int frameRate = 30, size_t hevcMinFrameBytes = 0)
+{
+    ContentOptions o;
+    o.clipFrames = clipFrames;
+    o.keyInterval = keyInterval;
+    o.frameRate = frameRate;
+    o.hevcMinFrameBytes = hevcMinFrameBytes;
+    return o;
+}
+
 inline std::vector<uint8_t> frame(const ContentSource& s, uint64_t index)
 {
     std::vector<uint8_t> buf(s.frameSize(index));

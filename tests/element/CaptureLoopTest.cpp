@@ -30,19 +30,15 @@ protected:
 
     void rawCamera(uint32_t fourcc) { useCamera(fourcc, "unthrottled", 320, 240); }
 
-    bool waitForQuit()
+    // Generous waits: emulated ARM builds are slow.
+    static bool waitUntil(const std::function<bool()>& done)
     {
-        for (int i = 0; i < 2000 && quits == 0; ++i)
+        for (int i = 0; i < 6000 && !done(); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        return quits > 0;
+        return done();
     }
-
-    bool waitForPuts(int n)
-    {
-        for (int i = 0; i < 6000 && encoder.script->framesPut < n; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        return encoder.script->framesPut >= n;
-    }
+    bool waitForQuit() { return waitUntil([this] { return quits > 0; }); }
+    bool waitForPuts(int n) { return waitUntil([this, n] { return encoder.script->framesPut >= n; }); }
 
     void script(std::initializer_list<std::pair<int, int>> runs)  // (count, putFrame result)
     {

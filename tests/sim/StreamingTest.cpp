@@ -84,20 +84,6 @@ TEST_F(SimTest, FramesComeAtTheConfiguredRate)
     EXPECT_NEAR(stamped / frames, 0.02, 0.01) << frames << " in " << stamped << " s";
 }
 
-TEST_F(SimTest, FramesWithoutAQueuedBufferAreDropped)
-{
-    ScopedModel model("yuyv,size=320x240,fps=100");
-    Stream s(kFourccYUYV, 320, 240, 2);
-    ASSERT_EQ(s.error, 0) << s.failedAt;
-    v4l2_buffer a{}, b{}, c{};
-    ASSERT_EQ(s.dequeue(a), 0);
-    ASSERT_EQ(s.dequeue(b), 0);
-    ASSERT_TRUE(waitFor([](const Stats& st) { return st.framesDropped >= 3; }, std::chrono::seconds(2)));
-    ASSERT_EQ(s.requeue(a), 0);
-    ASSERT_EQ(s.dequeue(c), 0);
-    EXPECT_GE(c.sequence, b.sequence + 4) << "dropped frames leave a gap in the sequence";
-}
-
 // The descriptor is readable exactly when a driver's poll would report input or an error.
 TEST_F(SimTest, ReadableExactlyWhenADriversPollWouldBe)
 {
