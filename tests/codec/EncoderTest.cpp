@@ -20,13 +20,6 @@ using Codec::PIXEL_FORMAT_YUYV;
 using E = Codec::Encoder;
 using F = Codec::MediaFrame;
 
-uint32_t hash(uint32_t x)
-{
-    x = (x ^ x >> 16) * 0x7feb352d;
-    x = (x ^ x >> 15) * 0x846ca68b;
-    return x ^ x >> 16;
-}
-
 // A 4:2:0 picture, tightly packed; what both camera formats describe exactly.
 struct I420Image {
     int width, height;
@@ -34,9 +27,8 @@ struct I420Image {
 };
 
 // Picture `index` of a moving pattern: luma ramps, a travelling box, and U and V ramps that
-// differ (so swapped planes show). `noise` adds up to +-noise to luma, which makes rate
-// control work for its bits.
-I420Image makePicture(int w, int h, int index, int noise = 0)
+// differ (so swapped planes show).
+I420Image makePicture(int w, int h, int index)
 {
     I420Image p{w, h, std::vector<uint8_t>(size_t(w) * h), {}, {}};
     p.u = p.v = std::vector<uint8_t>(size_t(w / 2) * (h / 2));
@@ -44,10 +36,7 @@ I420Image makePicture(int w, int h, int index, int noise = 0)
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
             const bool inBox = x >= boxX && x < boxX + boxW && y >= boxY && y < boxY + h / 4;
-            int value = inBox ? 235 - (x - boxX) / 4 : 16 + (3 * x + 2 * y + 4 * index) % 200;
-            if (noise > 0)
-                value += int(hash(uint32_t(index * 7919 + y) * 65521u + x) % (2u * noise + 1)) - noise;
-            p.y[size_t(y) * w + x] = uint8_t(std::clamp(value, 0, 255));
+            p.y[size_t(y) * w + x] = uint8_t(inBox ? 235 - (x - boxX) / 4 : 16 + (3 * x + 2 * y + 4 * index) % 200);
             if (x % 2 == 0 && y % 2 == 0) {
                 p.u[size_t(y / 2) * (w / 2) + x / 2] = uint8_t(64 + (2 * x + index) % 128);
                 p.v[size_t(y / 2) * (w / 2) + x / 2] = uint8_t(192 - (3 * (y / 2) + 2 * index) % 128);
@@ -64,12 +53,12 @@ struct CameraFrame {
         const bool yuyv = format == PIXEL_FORMAT_YUYV;
         const size_t w = size_t(p.width), h = size_t(p.height);
         const size_t step = yuyv ? 2 : 1;  // between luma samples, and between chroma ones
-        const size_t stride = step * w, lines = h;
-        bytes.resize(yuyv ? stride * lines : stride * lines + stride * (lines / 2));
+        const size_t stride = step * w;
+        bytes.resize(yuyv ? stride * h : stride * h + stride * (h / 2));
         for (size_t y = 0; y < h; ++y) {
             uint8_t* luma = bytes.data() + y * stride;
             // Both layouts alternate Cb and Cr along a row; NV12 has one chroma row per two.
-            uint8_t* chroma = yuyv ? luma + 1 : bytes.data() + (lines + y / 2) * stride;
+            uint8_t* chroma = yuyv ? luma + 1 : bytes.data() + (h + y / 2) * stride;
             for (size_t x = 0; x < w; ++x) {
                 const size_t c = y / 2 * (w / 2) + x / 2;
                 luma[x * step] = p.y[y * w + x];
@@ -79,7 +68,7 @@ struct CameraFrame {
         frame.data = bytes.data();
         frame.size = uint32_t(bytes.size());
         std::tie(frame.width, frame.height, frame.horStride, frame.verStride, frame.format) =
-            std::tuple(uint32_t(w), uint32_t(h), uint32_t(stride), uint32_t(lines), format);
+            std::tuple(uint32_t(w), uint32_t(h), uint32_t(stride), uint32_t(h), format);
     }
     F* get() { return &frame; }
 
@@ -90,7 +79,6 @@ struct CameraFrame {
 struct StreamSettings {
     uint64_t format = PIXEL_FORMAT_NV12;
     uint32_t width = 320, height = 240;
-    uint32_t fpsNum = 30, fpsDen = 1, bitRate = 7340032;
 };
 
 std::unique_ptr<E> createH264Encoder()
@@ -107,12 +95,12 @@ int configureLikeElement(E& e, const StreamSettings& s = {})
     e.set(Codec::CONFIG_HOR_STRIDE, (s.format == PIXEL_FORMAT_YUYV ? 2 : 1) * s.width);
     e.set(Codec::CONFIG_VER_STRIDE, s.height);
     for (auto key : {Codec::CONFIG_INPUT_FPS_NUM, Codec::CONFIG_OUTPUT_FPS_NUM})
-        e.set(key, s.fpsNum);
+        e.set(key, 30);
     for (auto key : {Codec::CONFIG_INPUT_FPS_DEN, Codec::CONFIG_OUTPUT_FPS_DEN})
-        e.set(key, s.fpsDen);
+        e.set(key, 1);
     e.set(Codec::CONFIG_GOP, 60);
     e.set(Codec::CONFIG_RATE_CONTROL, 1);
-    e.set(Codec::CONFIG_BITRATE, s.bitRate);
+    e.set(Codec::CONFIG_BITRATE, 7340032);
     return e.configure();
 }
 
@@ -283,41 +271,6 @@ INSTANTIATE_TEST_SUITE_P(
                     RefusalCase{"FewerLinesThanTheHeight", nullptr, Codec::CONFIG_VER_STRIDE, 200},
                     RefusalCase{"ZeroRateDenominator", nullptr, Codec::CONFIG_OUTPUT_FPS_DEN, 0}),
     testing::PrintToStringParamName());
-
-struct RateCase {
-    const char* name;
-    uint32_t bitRate, fpsNum, fpsDen;
-};
-
-class RateControl : public testing::TestWithParam<RateCase> {};
-
-// Bits per second as set, at the frame rate num/den: catches a unit slip (kbit for bit) and
-// a swapped or ignored rate fraction, each a factor of 2 or more. Noisy pictures, so rate
-// control, not the content, limits the size; and no picture may be dropped for it.
-TEST_P(RateControl, SpendsTheBitRateAtTheFrameRate)
-{
-    const RateCase& c = GetParam();
-    auto encoder = createH264Encoder();
-    const StreamSettings settings{PIXEL_FORMAT_NV12, 320, 240, c.fpsNum, c.fpsDen, c.bitRate};
-    ASSERT_EQ(configureLikeElement(*encoder, settings), 0);
-    size_t bytes = 0;
-    for (int i = 0; i < 60; ++i) {
-        CameraFrame frame(makePicture(320, 240, i, 24));
-        ASSERT_EQ(encoder->putFrame(frame.get()), 0);
-        const size_t packet = takePacket(*encoder).size();
-        ASSERT_GT(packet, 0u) << "picture " << i << " dropped";
-        bytes += packet;
-    }
-    const double achieved = double(bytes) * 8 * c.fpsNum / (60.0 * c.fpsDen);
-    // openh264 lands within 1% here; the margins leave room for other library builds.
-    EXPECT_GT(achieved, 0.8 * c.bitRate);
-    EXPECT_LT(achieved, 1.25 * c.bitRate);
-}
-
-INSTANTIATE_TEST_SUITE_P(Rates, RateControl,
-                         testing::Values(RateCase{"Low15fps", 400000, 15, 1},
-                                         RateCase{"Ntsc", 800000, 30000, 1001}),
-                         testing::PrintToStringParamName());
 
 // Frames only once configured, never a null one; after reset() the stream starts over: the
 // first picture is coded exactly as a fresh encoder codes it (parameter sets, IDR, rate
