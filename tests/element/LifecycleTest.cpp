@@ -1,9 +1,8 @@
 // play, stop, pause and initialize against the simulated camera.
 
-#include <dirent.h>
-
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <thread>
 
 #include "SimElementFixture.h"
@@ -39,13 +38,7 @@ protected:
 
 int countEntries(const char* dir)
 {
-    int n = 0;
-    if (DIR* d = opendir(dir)) {
-        while (readdir(d))
-            ++n;
-        closedir(d);
-    }
-    return n;
+    return int(std::distance(std::filesystem::directory_iterator(dir), std::filesystem::directory_iterator()));
 }
 
 // A joined thread can stay listed for a moment (qemu-user finishes it after waking the

@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -20,12 +20,7 @@ using Codec::MappedDmaBuf;
 
 int openDescriptors()
 {
-    int n = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dirent* entry = readdir(dir))
-        n += entry->d_name[0] != '.';
-    closedir(dir);
-    return n - 1;  // the directory's own
+    return int(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator()));
 }
 
 std::vector<DmaBufSource> allSources()

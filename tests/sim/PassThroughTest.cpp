@@ -12,6 +12,7 @@ using namespace simtest;
 
 namespace {
 
+// Through opendir, which the simulator answers for /dev.
 bool devListed(const char* name)
 {
     bool found = false;
