@@ -24,12 +24,9 @@ const TextCase kTexts[] = {
          EXPECT_EQ(node0(m).formats.at(0).fourcc, kFourccH264);
          EXPECT_EQ(m.cameras[0].nodes.at(1).kind, NodeKind::Metadata);
      }},
-    {"yuyv, size=640x480/320x240, fps=60/5", nullptr, [](const Model& m) {
-         const Format& f = node0(m).formats.at(0);
-         EXPECT_EQ(f.fourcc, kFourccYUYV);
-         ASSERT_EQ(f.sizes.size(), 2u);
-         EXPECT_EQ(f.sizes[1].width, 320u);
-         EXPECT_EQ(f.sizes[1].intervals, (std::vector<Interval>{{1, 60}, {1, 5}}));
+    {" yuyv , fps=60/5", nullptr, [](const Model& m) {  // spaces around items, several rates
+         EXPECT_EQ(node0(m).formats.at(0).fourcc, kFourccYUYV);
+         EXPECT_EQ(node0(m).formats[0].sizes.at(1).intervals, (std::vector<Interval>{{1, 60}, {1, 5}}));
      }},
     {"fps=0", nullptr, [](const Model& m) { EXPECT_TRUE(m.unthrottled); }},
     {"cameras=2,cam1.usb=interface,cam1.bus=5", nullptr, [](const Model& m) {
