@@ -177,53 +177,47 @@ TEST_F(RawPass, DropRuleAppliesFromTwentyWaitingBeforeEncoding)
     EXPECT_EQ(simcam::stats().buffersDequeued, 0);  // every buffer went back
 }
 
-struct PacketCase {
+// One pass: a camera fault (model text), what the encoder answers, and the outcome.
+struct PassCase {
+    const char* name;
+    const char* fault;
+    int putResult;
     Packet packet;
+    int result;
     size_t queuedAfter;
+    int framesPut;
 };
 
-class PacketKinds : public RawPass, public testing::WithParamInterface<PacketCase> {};
+class OnePass : public RawPass, public testing::WithParamInterface<PassCase> {};
 
-TEST_P(PacketKinds, OnlyRealPacketsAreQueuedAndEveryPassSucceeds)
+TEST_P(OnePass, QueuesOnlyRealPacketsAndGivesTheBufferBack)
 {
-    start(kNV12);
-    encoder.script->packets.push_back(GetParam().packet);
-    EXPECT_EQ(element->v4l2_get_one_frame_yuv(), 0);
+    const PassCase& c = GetParam();
+    start(kNV12, c.fault);
+    script({{1, c.putResult}});
+    encoder.script->packets.push_back(c.packet);
+    EXPECT_EQ(element->v4l2_get_one_frame_yuv(), c.result);
+    EXPECT_EQ(encoder.script->framesPut, c.framesPut);
+    EXPECT_EQ(log.count("WARN: encode frame failed", 1), c.putResult ? 1 : 0);
     const auto entries = queued();
-    ASSERT_EQ(entries.size(), GetParam().queuedAfter);
+    ASSERT_EQ(entries.size(), c.queuedAfter);
     if (!entries.empty()) {
         EXPECT_EQ(entries[0], encoder.script->packetBytes);  // a copy of the packet's bytes
     }
-    EXPECT_EQ(simcam::stats().buffersDequeued, 0);
+    // Every buffer goes back, unless giving it back is what failed.
+    EXPECT_EQ(simcam::stats().buffersDequeued, std::string(c.fault) == "qbuf-stream=EIO" ? 1 : 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, PacketKinds,
-                         testing::Values(PacketCase{Packet::Bytes, 1}, PacketCase{Packet::None, 0},
-                                         PacketCase{Packet::BadStatus, 0}, PacketCase{Packet::NoBuffer, 0}));
-
-TEST_F(RawPass, RefusalGivesTheBufferBackAndFails)
-{
-    start();
-    script({{1, -5}});
-    EXPECT_EQ(element->v4l2_get_one_frame_yuv(), -1);
-    EXPECT_TRUE(log.contains("WARN: encode frame failed", 1));
-    EXPECT_EQ(simcam::stats().buffersDequeued, 0);
-    EXPECT_EQ(queued().size(), 0u);
-}
-
-TEST_F(RawPass, RequeueFailureFailsThePass)
-{
-    start(kYUYV, "qbuf-stream=EIO");
-    EXPECT_EQ(element->v4l2_get_one_frame_yuv(), -1);
-    EXPECT_EQ(queued().size(), 1u);  // the packet was taken before the buffer went back
-}
-
-TEST_F(RawPass, EmptyBuffersSkipTheEncoder)
-{
-    start(kYUYV, "empty=1");
-    EXPECT_EQ(element->v4l2_get_one_frame_yuv(), 0);
-    EXPECT_EQ(encoder.script->framesPut, 0);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Outcomes, OnePass,
+    testing::Values(PassCase{"Packet", "", 0, Packet::Bytes, 0, 1, 1}, PassCase{"NoPacket", "", 0, Packet::None, 0, 0, 1},
+                    PassCase{"BadStatus", "", 0, Packet::BadStatus, 0, 0, 1},
+                    PassCase{"NoBuffer", "", 0, Packet::NoBuffer, 0, 0, 1},
+                    PassCase{"EncoderRefuses", "", -5, Packet::Bytes, -1, 0, 1},
+                    // The packet was taken before the buffer failed to go back.
+                    PassCase{"RequeueFails", "qbuf-stream=EIO", 0, Packet::Bytes, -1, 1, 1},
+                    PassCase{"EmptyBufferSkipsTheEncoder", "empty=1", 0, Packet::Bytes, 0, 0, 0}),
+    [](const testing::TestParamInfo<PassCase>& info) { return std::string(info.param.name); });
 
 TEST_F(RawPass, StalledCameraTimesOutAfterOneSecondWithoutDequeuing)
 {
