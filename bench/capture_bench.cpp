@@ -134,9 +134,8 @@ Measure runElement(uint32_t fourcc, bool unthrottled, double secondsPerRun)
         std::fprintf(stderr, "play failed\n");
         std::exit(1);
     }
-    // Let the clip encode and the stream settle before measuring: a second at 60 fps, by
-    // which the send entries in rotation have grown to the largest piece.
-    simcam::waitForFrames(60, std::chrono::seconds(30));
+    // Let the clip encode and the stream settle before measuring.
+    simcam::waitForFrames(10, std::chrono::seconds(30));
     const double cpu0 = newThreadsCpu(before, {drain.tid()});
     const uint64_t faults0 = elementMinorFaults(before, drain.tid());
     const uint64_t allocs0 = g_elementAllocs.load();

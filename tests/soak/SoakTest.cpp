@@ -161,6 +161,8 @@ public:
 
 private:
     static constexpr int kFirst = -1, kAny = -2;
+    // What an encoded access unit may begin with: a slice, an IDR slice, SEI, SPS or a delimiter.
+    static constexpr unsigned char kEncoderNalTypes[] = {1, 5, 6, 7, 9};
     struct Cycle {
         uint32_t fourcc;
         int previous; // kFirst, kAny, or the last frame's clip index (H.264) or 0
@@ -204,8 +206,9 @@ private:
             return last != kFirst || vps ? "" : "HEVC cycle does not begin with a VPS";
         }
         if (fourcc == simcam::kFourccYUYV) {
-            const bool annexB = n > 4 && !p[0] && !p[1] && (p[2] == 1 || (!p[2] && p[3] == 1));
-            if (!annexB || h264_.frameAt(p, n) >= 0 || hevc_.holdsPiece(p, n))
+            const bool h264 = std::any_of(std::begin(kEncoderNalTypes), std::end(kEncoderNalTypes),
+                                          [&](unsigned char t) { return bitstream::isNalFrame(t, p, int(n)); });
+            if (!h264 || h264_.frameAt(p, n) >= 0 || hevc_.holdsPiece(p, n))
                 return "encoded frame is no H.264 packet";
             return last != kFirst || bitstream::startsWithKeyFrame(p, int(n))
                        ? "" : "encoded cycle does not begin at a key frame";
