@@ -190,11 +190,18 @@ TEST_F(Device, FifthConsecutiveRefusalQueuesExactlyOneReset)
     ASSERT_EQ(element->v4l2_dev_open(), 0);
     ASSERT_EQ(element->v4l2_set_format(), 0);  // the process-wide count starts from zero
 
-    auto refuse = [&](int times) {
-        simcam::modifyFaults([times](simcam::Faults& f) {
-            f.sfmtErrno = EINVAL;
+    auto fail = [](int error, int times) {
+        simcam::modifyFaults([=](simcam::Faults& f) {
+            f.sfmtErrno = error;
             f.sfmtCount = times;
         }, "video0");
+    };
+    // An interrupted request is asked again: neither a failure nor a refusal counted.
+    fail(EINTR, 5);
+    ASSERT_EQ(element->v4l2_set_format(), 0);
+
+    auto refuse = [&](int times) {
+        fail(EINVAL, times);
         for (int i = 0; i < times; ++i)
             EXPECT_EQ(element->v4l2_set_format(), -1);
         runQueuedCalls();
