@@ -134,7 +134,9 @@ TEST_P(PlayFails, LeavesNoDeviceOpenAndTheStateAsItWas)
 {
     useCamera(kH264, GetParam().first);
     element->initialize();
+    const int fds = countEntries("/proc/self/fd");
     EXPECT_EQ(element->play(), -1);
+    EXPECT_EQ(countEntries("/proc/self/fd"), fds);  // capture memory a refused import left behind
     EXPECT_TRUE(log.contains(GetParam().second, 0)) << GetParam().second;
     EXPECT_EQ(element->getState(), 1);
     EXPECT_EQ(element->m_fd, -1);

@@ -141,17 +141,6 @@ TEST_F(Sender, OtherAnswersDropTheEntrySilentlyAndTheNextSuccessResumes)
     EXPECT_EQ(log.count("connection resume", 2), 1);
 }
 
-// Spent entries are kept for reuse, but a drained backlog does not keep its memory.
-TEST_F(Sender, ADrainedBacklogKeepsOnlyWhatIsInFlightAtOnce)
-{
-    push({"1", "2", "3", "4", "5", "6", "7", "8"});
-    startSender();
-    for (const char* text : {"1", "2", "3", "4", "5", "6", "7", "8"})
-        EXPECT_EQ(receive(), text);
-    stopSender();
-    EXPECT_LE(element.m_spareBuffers.size(), 4u);
-}
-
 // A stop while waiting on an empty queue never touches the pin; one while lagging frees the
 // entry in hand and keeps the rest for the next playback.
 TEST_F(Sender, StopWhileWaitingOrLagging)
