@@ -230,7 +230,7 @@ INSTANTIATE_TEST_SUITE_P(
                     FailureCase{"ContainerToStdout", {"--container", "mp4", "--output", "-"}, 2, "standard output"},
                     FailureCase{"NoPlugin", {"--plugin", "/nonexistent.so"}, 3, "not found"},
                     FailureCase{"NoCamera", {"--simulate", "h264,open=ENOENT"}, 4, "no camera"},
-                    FailureCase{"FormatNotOffered", {"--simulate", "h264", "--format", "yuyv"}, 5, "offers no yuyv"},
+                    FailureCase{"FormatNotOffered", {"--simulate", "h264", "--format", "yuyv"}, 5, "offers no yuyv format (it offers h264;"},
                     FailureCase{"FormatRefusedAtPlay", {"--simulate", "h264,sfmt=EINVAL", "--frames", "1"}, 5,
                                 "format refused"},
                     FailureCase{"Unwritable", {"--simulate", "h264", "--output", "/nonexistent/dir/out.h264"}, 6,

@@ -76,6 +76,17 @@ constexpr int64_t kStartupGraceUs = 10000000;
 // The element answers an H.264 request with the first of these the camera has at the size.
 const int kNegotiationOrder[] = {CODEC_TYPE_H264, CODEC_TYPE_NV12, CODEC_TYPE_YUYV, CODEC_TYPE_MJPEG};
 
+// "it offers hevc, mjpeg", for a refusal to point the user at what would work.
+QString offered(const QList<MediaFormat>& formats)
+{
+    QStringList codecs;
+    for (const MediaFormat& f : formats) {
+        if (!codecs.contains(codecName(f.codecType)))
+            codecs << codecName(f.codecType);
+    }
+    return QStringLiteral("it offers %1; --list-formats shows the sizes").arg(codecs.join(QStringLiteral(", ")));
+}
+
 } // namespace
 
 Session::Session(IMediaElement* element, const Options& options) : m_element(element), m_options(options) {}
@@ -138,7 +149,8 @@ int Session::chooseFormat(const QList<MediaFormat>& formats)
             }
         }
         if (m_options.width == 0) {
-            std::fprintf(stderr, "camcap: the camera offers no %s format\n", qPrintable(m_options.format));
+            std::fprintf(stderr, "camcap: the camera offers no %s format (%s)\n", qPrintable(m_options.format),
+                         qPrintable(offered(formats)));
             return EXIT_FORMAT_REFUSED;
         }
     }
@@ -154,7 +166,8 @@ int Session::chooseFormat(const QList<MediaFormat>& formats)
     // H.264, YUYV and NV12 all go through the element's H.264 negotiation.
     m_codec = CODEC_TYPE_H264;
     if (wanted != CODEC_TYPE_H264 && !offers(formats, wanted, w, h)) {
-        std::fprintf(stderr, "camcap: the camera does not offer %s at %dx%d\n", qPrintable(m_options.format), w, h);
+        std::fprintf(stderr, "camcap: the camera does not offer %s at %dx%d (%s)\n", qPrintable(m_options.format), w, h,
+                     qPrintable(offered(formats)));
         return EXIT_FORMAT_REFUSED;
     }
     for (int codec : kNegotiationOrder) {
@@ -169,7 +182,8 @@ int Session::chooseFormat(const QList<MediaFormat>& formats)
             return EXIT_OK;
         }
     }
-    std::fprintf(stderr, "camcap: the camera offers nothing the element can use at %dx%d\n", w, h);
+    std::fprintf(stderr, "camcap: the camera offers no h264, nv12, yuyv or mjpeg at %dx%d (%s)\n", w, h,
+                 qPrintable(offered(formats)));
     return EXIT_FORMAT_REFUSED;
 }
 
