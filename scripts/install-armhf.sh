@@ -98,29 +98,9 @@ if [ "${ARMHF_SYSROOT_REFRESH:-0}" != 1 ] && [ -f "$sysroot/.camera-sysroot" ] &
 fi
 
 log "building the armhf sysroot in $sysroot (downloads cached in $cache/debs)"
-mkdir -p "$cache"/apt/etc/apt/apt.conf.d "$cache"/apt/etc/apt/preferences.d \
-         "$cache"/apt/etc/apt/sources.list.d "$cache"/apt/lists/partial \
-         "$cache"/apt/state "$cache"/debs/partial
-: > "$cache/apt/state/status"   # empty: apt resolves every dependency from scratch
-cat > "$cache/apt/apt.conf" <<EOF
-Dir "$cache/apt/";
-Dir::State "$cache/apt/state/";
-Dir::State::Lists "$cache/apt/lists/";
-Dir::State::status "$cache/apt/state/status";
-Dir::Cache "$cache/apt/cache/";
-Dir::Cache::Archives "$cache/debs/";
-Dir::Etc::Trusted "/etc/apt/trusted.gpg";
-Dir::Etc::TrustedParts "/etc/apt/trusted.gpg.d/";
-APT::Architecture "armhf";
-APT::Architectures { "armhf"; };
-APT::Install-Recommends "false";
-Acquire::Languages "none";
-EOF
-# Downloads go to our own directories, which apt's _apt user cannot write.
-echo "APT::Sandbox::User \"$(id -un)\";" >> "$cache/apt/apt.conf"
 # The machine's own archive and mirror (scripts/apt-sources.sh), not one named here.
-bash "$(dirname "$0")/apt-sources.sh" > "$cache/apt/etc/apt/sources.list"
-export APT_CONFIG=$cache/apt/apt.conf
+. "$(dirname "$0")/lib/armhf-apt.sh"
+armhf_apt "$cache/apt" "$cache/debs"
 
 # The mirror has been seen serving a truncated armhf security index; without it the
 # sysroot simply gets the point-release versions, which is fine for building and testing.

@@ -81,29 +81,12 @@ fetch_kernel() {  # VER
 }
 
 # ---- armhf: Debian's armmp kernel and busybox, through a private apt configuration ----
-armhf_apt() {
+. "$here/lib/armhf-apt.sh"
+fetch_lists() {
   local d=$cache/apt-armhf
-  mkdir -p "$d"/etc/apt/{apt.conf.d,preferences.d,sources.list.d} "$d"/lists/partial "$d"/state \
-           "$d"/cache/archives/partial
-  : > "$d/state/status"   # nothing counts as installed: apt resolves from scratch
-  cat > "$d/apt.conf" <<EOF
-Dir "$d/";
-Dir::Etc "$d/etc/apt/";
-Dir::State "$d/state/";
-Dir::State::Lists "$d/lists/";
-Dir::State::status "$d/state/status";
-Dir::Cache "$d/cache/";
-Dir::Etc::Trusted "/etc/apt/trusted.gpg";
-Dir::Etc::TrustedParts "/etc/apt/trusted.gpg.d/";
-APT::Architecture "armhf";
-APT::Architectures { "armhf"; };
-Acquire::Languages "none";
-APT::Sandbox::User "$(id -un)";
-EOF
   # The 6.12 armmp kernel is in backports (Debian 12's armhf kernels have no DMA heaps
   # and no udmabuf either way: the element uses DRM dumb buffers there).
-  bash "$here/apt-sources.sh" --backports > "$d/etc/apt/sources.list"
-  export APT_CONFIG=$d/apt.conf
+  armhf_apt "$d" "$cache/debs" --backports
   # Lists younger than a day are good enough; a failed index (seen with the armhf
   # security suite) is reported, not fatal.
   if [ -z "$(find "$d/lists" -maxdepth 1 -name '*_Packages*' -mtime -1 2>/dev/null | head -n1)" ]; then
@@ -113,7 +96,7 @@ EOF
 
 fetch_armhf() {
   local dir=$cache/kernel-armhf-6.12 pkg ver bb=$cache/busybox-armhf
-  armhf_apt
+  fetch_lists
   pkg=$(apt-cache pkgnames linux-image-6.12 | grep -E '^linux-image-6\.12\.[0-9.]+\+deb12-armmp$' | sort -V | tail -n1)
   [ -n "$pkg" ] || { echo "install-vm: no armmp 6.12 kernel in bookworm-backports" >&2; return 1; }
   ver=$(apt-cache policy "$pkg" | awk '/Candidate:/{print $2}')
