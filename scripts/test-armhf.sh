@@ -15,14 +15,7 @@ jobs=${JOBS:-$(nproc)}
 cpu=${ARMHF_QEMU_CPU:-cortex-a8}
 start_all=$SECONDS
 
-stage() {  # name command...
-  local name=$1 start=$SECONDS rc=0
-  shift
-  echo "=== $name"
-  "$@" || rc=$?
-  echo "=== $name: $((SECONDS - start)) s$([ "$rc" = 0 ] || echo " (FAILED, exit $rc)")"
-  return "$rc"
-}
+. scripts/lib/stages.sh
 
 sysroot_file=$(mktemp)
 trap 'rm -f "$sysroot_file"; echo "=== armhf total: $((SECONDS - start_all)) s"' EXIT

@@ -18,20 +18,8 @@ start=$SECONDS
 export CAMERA_CACHE_DIR=${CAMERA_CACHE_DIR:-/var/cache/camera-build}
 export ARMHF_SYSROOT=${ARMHF_SYSROOT:-$CAMERA_CACHE_DIR/armhf/sysroot}
 
-stage() {
-  local name=$1 t=$SECONDS rc
-  shift
-  echo "=== $name"
-  "$@"
-  rc=$?
-  echo "=== $name: $((SECONDS - t)) s$([ "$rc" = 0 ] || echo " (exit $rc)")"
-  return $rc
-}
-no_vm() {
-  echo "armhf VM tests skipped: $1"
-  [ "${VM_REQUIRED:-1}" = 1 ] && exit 1
-  exit 0
-}
+. scripts/lib/stages.sh
+export VM_REQUIRED=${VM_REQUIRED:-1}
 
 # As scripts/test-armhf.sh configures, plus the time layout; only what the VM runs is built.
 build_tree() {  # DIR [EXTRA C FLAGS]
@@ -40,17 +28,12 @@ build_tree() {  # DIR [EXTRA C FLAGS]
     -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchain-armhf.cmake" -DARMHF_SYSROOT="$ARMHF_SYSROOT" >/dev/null &&
     cmake --build "$1" -j "$jobs" --target camcap V4LCameraCapturePlugin uvc-gadget-camera vm-play-probe
 }
-probe() {
-  local log
-  log=$(tools/vm/vm-run.sh --arch armhf -t 120 -v "$PWD" -- 'test -x /bin/bash' 2>&1 >/dev/null) \
-    || { echo "$log" | tail -3; return 1; }
-  echo "$log" | grep VM_TIMING
-}
+probe() { probe_boot --arch armhf -t 120 -v "$PWD" -- 'test -x /bin/bash'; }
 scenarios() {  # DIR
   ctest --test-dir "$1" -L armvm --no-tests=error --output-on-failure --timeout 300
 }
 
-stage "install (armhf sysroot)" bash scripts/install-armhf.sh >/dev/null || no_vm "scripts/install-armhf.sh failed"
+stage "install (armhf sysroot)" bash scripts/install-armhf.sh >/dev/null || no_vm "armhf VM: scripts/install-armhf.sh failed"
 stage "install (qemu-system-arm, armmp kernel)" bash scripts/install-vm.sh --armhf || no_vm "scripts/install-vm.sh --armhf failed"
 stage "build (32-bit time_t)" build_tree "$root/build-armhf" || exit 1
 stage "build (64-bit time_t)" build_tree "$root/build-armhf-t64" "-D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64" || exit 1
@@ -60,13 +43,7 @@ rc=0
 stage "armhf VM scenarios (32-bit time_t)" scenarios "$root/build-armhf" || rc=1
 stage "armhf VM scenarios (64-bit time_t)" scenarios "$root/build-armhf-t64" || rc=1
 
-echo "=== armhf VM scenario times (boot = QEMU start to the scenario's first command)"
-printf '%-30s %-8s %8s %7s  %s\n' scenario result seconds boot details
-for s in "$root"/build-armhf/tests/vm/artifacts/armvm.*/summary.txt \
-         "$root"/build-armhf-t64/tests/vm/artifacts/armvm.*/summary.txt; do
-  [ -f "$s" ] || continue
-  read -r result secs boot details < "$s"
-  printf '%-30s %-8s %8s %7s  %s\n' "$(basename "$(dirname "$s")")" "$result" "$secs" "${boot#boot=}" "$details"
-done
+scenario_times "$root"/build-armhf/tests/vm/artifacts/armvm.*/summary.txt \
+               "$root"/build-armhf-t64/tests/vm/artifacts/armvm.*/summary.txt
 echo "=== armhf VM stage total: $((SECONDS - start)) s"
 exit $rc

@@ -11,36 +11,20 @@ root=${BUILD_ROOT:-$PWD}
 build=$root/build
 start=$SECONDS
 
-stage() {
-  local name=$1; shift
-  local t=$SECONDS
-  echo "=== $name"
-  "$@"
-  local rc=$?
-  echo "=== $name: $((SECONDS - t)) s"
-  return $rc
-}
+. scripts/lib/stages.sh
 build_tree() {
   cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null &&
     cmake --build "$build" -j "${JOBS:-$(nproc)}"
 }
-no_vm() {
-  echo "VM tests skipped: $1"
-  [ "${VM_REQUIRED:-0}" = 1 ] && exit 1
-  exit 0
-}
 
-stage "install VM packages and kernel" bash scripts/install-vm.sh || no_vm "scripts/install-vm.sh failed"
+stage "install VM packages and kernel" bash scripts/install-vm.sh || no_vm "VM: scripts/install-vm.sh failed"
 stage "build" build_tree || exit 1
 
 # A probe boot: TCG must work; KVM is used only when a boot with it works here too (on
 # some hosts /dev/kvm exists but a stock kernel hangs under it).
 # A KVM boot takes seconds; one that hangs is given up after 30 s, not 90.
 probe() {
-  local log tmo=90
-  [ "${1:-}" = --kvm ] && tmo=30
-  log=$(tools/vm/vm-run.sh "$@" -t "$tmo" -- true 2>&1 >/dev/null) || { echo "$log" | tail -3; return 1; }
-  echo "$log" | grep VM_TIMING
+  if [ "${1:-}" = --kvm ]; then probe_boot --kvm -t 30 -- true; else probe_boot -t 90 -- true; fi
 }
 if [ -z "${VM_ACCEL:-}" ] && [ -r /dev/kvm ] && [ -w /dev/kvm ]; then
   if stage "probe boot (KVM)" probe --kvm; then export VM_ACCEL=kvm; else echo "KVM does not boot here: TCG"; fi
@@ -51,12 +35,6 @@ stage "probe boot ($VM_ACCEL)" probe || no_vm "qemu-system-x86_64 could not boot
 stage "VM scenarios" ctest --test-dir "$build" -L vm --no-tests=error --output-on-failure --timeout 300
 rc=$?
 
-echo "=== VM scenario times (boot = QEMU start to the scenario's first command)"
-printf '%-28s %-8s %8s %7s  %s\n' scenario result seconds boot details
-for s in "$build"/tests/vm/artifacts/*/summary.txt; do
-  [ -f "$s" ] || continue
-  read -r result secs boot details < "$s"
-  printf '%-28s %-8s %8s %7s  %s\n' "$(basename "$(dirname "$s")")" "$result" "$secs" "${boot#boot=}" "$details"
-done
+scenario_times "$build"/tests/vm/artifacts/*/summary.txt
 echo "=== VM stage total: $((SECONDS - start)) s"
 exit $rc

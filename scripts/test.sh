@@ -13,18 +13,12 @@ cd "$(dirname "$0")/.."
 root=${BUILD_ROOT:-$PWD}
 jobs=${JOBS:-$(nproc)}
 
-stage() {
-  local name=$1; shift
-  local start=$SECONDS
-  echo "=== $name"
-  "$@"
-  echo "=== $name: $((SECONDS - start)) s"
-}
+. scripts/lib/stages.sh  # stage NAME COMMAND...: timed; a failed stage ends the run (set -e)
 
 configure_build() {  # dir [cmake args...]
   local dir=$1; shift
-  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
-  cmake --build "$dir" -j "$jobs"
+  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null &&
+    cmake --build "$dir" -j "$jobs"
 }
 
 run_suite() {  # dir
