@@ -6,8 +6,11 @@
 //
 //   vm-play-probe [--plugin PATH] [--format h264|mjpeg|hevc] [--size WxH]
 //                 [--attempts N] [--settle-ms MS]
+//   vm-play-probe --fragment-mb MB     holds MB of memory fragmented until killed
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <QCommandLineParser>
@@ -66,6 +69,37 @@ int codecOf(const QString& name)
     return CODEC_TYPE_NONE;
 }
 
+// In a freshly booted machine consecutive page allocations are often physically
+// consecutive, so memory a driver needs in one contiguous chunk can be so by chance. This
+// touches a memfd of MB whole, then punches out every other page: the freed pages cannot
+// merge with their held neighbours and are the first the kernel hands out next. Prints
+// "fragmented" once done and holds the memory until killed.
+int holdFragmented(int mb)
+{
+    const long page = sysconf(_SC_PAGESIZE);
+    const size_t bytes = size_t(mb) << 20;
+    const int fd = memfd_create("fragment", MFD_CLOEXEC);
+    if (fd < 0 || ftruncate(fd, off_t(bytes)) != 0) {
+        std::perror("vm-play-probe: memfd");
+        return 1;
+    }
+    void* map = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (map == MAP_FAILED) {
+        std::perror("vm-play-probe: mmap");
+        return 1;
+    }
+    for (size_t at = 0; at < bytes; at += size_t(page))
+        static_cast<char*>(map)[at] = 1;
+    munmap(map, bytes);
+    size_t freed = 0;
+    for (size_t at = 0; at < bytes; at += 2 * size_t(page))
+        freed += fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(at), page) == 0;
+    std::printf("fragmented: %zu single pages free\n", freed);
+    std::fflush(stdout);
+    for (;;)
+        pause();
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -84,8 +118,12 @@ int main(int argc, char** argv)
                                 QStringLiteral("1"));
     QCommandLineOption settle(QStringLiteral("settle-ms"), QStringLiteral("Event loop time after each attempt."),
                               QStringLiteral("ms"), QStringLiteral("300"));
-    parser.addOptions({plugin, format, size, attempts, settle});
+    QCommandLineOption fragment(QStringLiteral("fragment-mb"), QStringLiteral("Hold memory fragmented until killed."),
+                                QStringLiteral("MB"));
+    parser.addOptions({plugin, format, size, attempts, settle, fragment});
     parser.process(app);
+    if (parser.isSet(fragment))
+        return holdFragmented(parser.value(fragment).toInt());
 
     const QStringList wh = parser.value(size).split(QLatin1Char('x'));
     const int codec = codecOf(parser.value(format));
