@@ -34,8 +34,8 @@ void memcpy_neon(void* dst, const void* src, int n)
 {
     if (n <= 0)
         return;
-    const int blocks = n & ~63;
 #if defined(__arm__) && defined(__ARM_NEON)
+    const int blocks = n & ~63;
     if (blocks > 0) {
         auto* d = static_cast<uint8_t*>(dst);
         const auto* s = static_cast<const uint8_t*>(src);
@@ -67,7 +67,6 @@ void memcpy_neon(void* dst, const void* src, int n)
         std::memcpy(static_cast<uint8_t*>(dst) + blocks, static_cast<const uint8_t*>(src) + blocks,
                     size_t(n - blocks));
 #else
-    (void)blocks;
     std::memcpy(dst, src, size_t(n));
 #endif
 }
