@@ -196,7 +196,7 @@ TEST_F(Device, FifthConsecutiveRefusalQueuesExactlyOneReset)
             f.sfmtCount = times;
         }, "video0");
     };
-    // An interrupted request is asked again: neither a failure nor a refusal counted.
+    // An interrupted request is asked again until it goes through.
     fail(EINTR, 5);
     ASSERT_EQ(element->v4l2_set_format(), 0);
 

@@ -25,6 +25,7 @@
 #include "IMediaElement.h"
 #include "Logger.h"
 #include "MediaFormat.h"
+#include "UniqueFd.h"
 
 namespace {
 
@@ -78,12 +79,12 @@ int holdFragmented(int mb)
 {
     const long page = sysconf(_SC_PAGESIZE);
     const size_t bytes = size_t(mb) << 20;
-    const int fd = memfd_create("fragment", MFD_CLOEXEC);
-    if (fd < 0 || ftruncate(fd, off_t(bytes)) != 0) {
+    const UniqueFd fd(memfd_create("fragment", MFD_CLOEXEC));
+    if (!fd || ftruncate(fd.get(), off_t(bytes)) != 0) {
         std::perror("vm-play-probe: memfd");
         return 1;
     }
-    void* map = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    void* map = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
     if (map == MAP_FAILED) {
         std::perror("vm-play-probe: mmap");
         return 1;
@@ -93,7 +94,7 @@ int holdFragmented(int mb)
     munmap(map, bytes);
     size_t freed = 0;
     for (size_t at = 0; at < bytes; at += 2 * size_t(page))
-        freed += fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(at), page) == 0;
+        freed += fallocate(fd.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(at), page) == 0;
     std::printf("fragmented: %zu single pages free\n", freed);
     std::fflush(stdout);
     for (;;)
