@@ -76,6 +76,25 @@ record() {
   say "camcap $* -> exit $REC_STATUS in ${REC_SECONDS}s, $(stat -c %s "$REC_FILE" 2>/dev/null || echo no) bytes"
 }
 
+# stamp_lines: every input line with the guest's uptime in front, to time what camcap says.
+stamp_lines() {
+  local line up
+  while IFS= read -r line; do
+    read -r up _ < /proc/uptime
+    printf '%s %s\n' "$up" "$line"
+  done
+}
+# wait_frames LOG [N]: until the element has had its first frame N times (once per
+# play(); camcap's file fills in whole stdio buffers, too late to go by), then a moment
+# longer.
+wait_frames() {
+  for _ in $(seq 300); do
+    [ "$(grep_count "got a frame" "$1")" -ge "${2:-1}" ] && break
+    sleep 0.2
+  done
+  sleep 1
+}
+
 # expect_decode LABEL FILE DEMUXER MIN MAX: the host decodes FILE and wants between MIN
 # and MAX frames, every packet a decoded frame and no decoder error.
 expect_decode() {

@@ -53,6 +53,7 @@ cpu_us() {
 # bench LABEL FORMAT SIZE FRAMES: camcap, then the bare loop, same settings.
 bench() {
   local label=$1 fmt=$2 size=$3 n=$4 sink=/tmp/bench.out
+  rm -f "$sink"  # the overlay shows the host's /tmp, and camcap refuses to overwrite
   cpu_us "camcap: recording" "$CAMCAP" $camcap_args --format "$fmt" --size "$size" --frames "$n" --output "$sink"
   local camcap_status=$RUN_STATUS camcap_us=$((CPU_US / n))
   cpu_us "" "$BARE" --device "$CAM_NODE" --format "$fmt" --size "$size" --frames "$n" --output "$sink"

@@ -13,30 +13,16 @@ pass "USB camera enumerates as $CAM_NODE on $CAM_USB"
 record_seconds=15
 stall_timeout=5
 
-# Every camcap line with the guest's uptime in front, to time stop().
-stamp_lines() {
-  local line up
-  while IFS= read -r line; do
-    read -r up _ < /proc/uptime
-    printf '%s %s\n' "$up" "$line"
-  done
-}
-# wait_recording LOG: until the element has its first frame (camcap's file fills in
-# whole stdio buffers, too late to go by), then a moment longer.
-wait_recording() {
-  local i
-  for i in $(seq 150); do grep -q "got a frame" "$1" 2>/dev/null && break; sleep 0.2; done
-  sleep 1
-}
 # lose_camera NAME FORMAT DEMUXER HOW: records, takes the camera away with HOW, checks.
 lose_camera() {
   local name=$1 fmt=$2 demuxer=$3 how=$4
   local file=$OUT/$name.out log=$OUT/$name.log
+  rm -f "$file"  # camcap refuses to overwrite a recording
   "$CAMCAP" -v --format "$fmt" --size 640x480 --duration "$record_seconds" --stall-timeout "$stall_timeout" \
     --output "$file" \
     > "$OUT/$name.stdout" 2> >(stamp_lines > "$log") &
   local pid=$!
-  wait_recording "$log"
+  wait_frames "$log"
   say "$name: $how while camcap records ($(stat -c %s "$file") bytes so far)"
   eval "$how"
   local lost_at ended_at
