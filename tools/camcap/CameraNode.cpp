@@ -80,3 +80,25 @@ bool CameraNode::gone() const
     struct stat st;
     return ::stat(QFile::encodeName(m_path).constData(), &st) < 0 && errno == ENOENT;
 }
+
+bool CameraNode::canCapture() const
+{
+    v4l2_capability cap;
+    std::memset(&cap, 0, sizeof cap);
+    if (!m_fd || ioctl(m_fd.get(), VIDIOC_QUERYCAP, &cap) < 0)
+        return false;
+    const uint32_t caps = cap.capabilities & V4L2_CAP_DEVICE_CAPS ? cap.device_caps : cap.capabilities;
+    return caps & V4L2_CAP_VIDEO_CAPTURE;
+}
+
+bool CameraNode::currentSize(int* width, int* height) const
+{
+    v4l2_format format;
+    std::memset(&format, 0, sizeof format);
+    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    if (!m_fd || ioctl(m_fd.get(), VIDIOC_G_FMT, &format) < 0 || format.fmt.pix.width == 0)
+        return false;
+    *width = int(format.fmt.pix.width);
+    *height = int(format.fmt.pix.height);
+    return true;
+}

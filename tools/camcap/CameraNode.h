@@ -23,6 +23,11 @@ public:
     bool requestKeyFrame() const;
     // The device went away: our descriptor is dead or the node is no longer there.
     bool gone() const;
+    // The node answers as a capture device (a camera that came back, for instance).
+    bool canCapture() const;
+    // The size the camera is set to deliver; false when it does not say.
+    bool currentSize(int* width, int* height) const;
+    QString path() const { return m_path; }
 
 private:
     QString m_path;

@@ -4,8 +4,12 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <QFile>
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "AnnexB.h"
@@ -33,36 +37,78 @@ QString averrorText(int error)
 
 } // namespace
 
-std::unique_ptr<FrameSink> ContainerWriter::open(const QString& path, const StreamInfo& info, QString* error)
+struct AvioCallbacks {
+#if LIBAVFORMAT_VERSION_MAJOR >= 61
+    static int write(void* opaque, const uint8_t* data, int size)
+#else
+    static int write(void* opaque, uint8_t* data, int size)
+#endif
+    {
+        return static_cast<ContainerWriter*>(opaque)->writeBytes(data, size);
+    }
+    static int64_t seek(void* opaque, int64_t offset, int whence)
+    {
+        return static_cast<ContainerWriter*>(opaque)->seekTo(offset, whence);
+    }
+};
+
+std::unique_ptr<FrameSink> ContainerWriter::open(int fd, const QString& path, const StreamInfo& info,
+                                                  QString* error)
 {
-    const char* muxer = info.container == QLatin1String("mp4") ? "mp4" : "matroska";
+    std::unique_ptr<ContainerWriter> writer(new ContainerWriter(fd, info));
     if (codecId(info.codec) == AV_CODEC_ID_NONE) {
         *error = QStringLiteral("%1 cannot hold this stream").arg(info.container);
         return nullptr;
     }
-    AVFormatContext* context = nullptr;
-    const QByteArray file = QFile::encodeName(path);
-    int result = avformat_alloc_output_context2(&context, nullptr, muxer, file.constData());
+    const char* muxer = info.container == QLatin1String("mp4") ? "mp4" : "matroska";
+    int result = avformat_alloc_output_context2(&writer->m_context, nullptr, muxer, QFile::encodeName(path).constData());
     if (result < 0) {
         *error = averrorText(result);
         return nullptr;
     }
-    result = avio_open(&context->pb, file.constData(), AVIO_FLAG_WRITE);
-    if (result < 0) {
-        avformat_free_context(context);
-        *error = averrorText(result);
+    constexpr int kBufferSize = 1 << 16;
+    auto* buffer = static_cast<unsigned char*>(av_malloc(kBufferSize));
+    writer->m_context->pb = buffer ? avio_alloc_context(buffer, kBufferSize, 1, writer.get(), nullptr,
+                                                        &AvioCallbacks::write, &AvioCallbacks::seek)
+                                   : nullptr;
+    if (!writer->m_context->pb) {
+        av_free(buffer);
+        *error = averrorText(AVERROR(ENOMEM));
         return nullptr;
     }
-    return std::unique_ptr<FrameSink>(new ContainerWriter(context, info));
+    writer->m_context->flags |= AVFMT_FLAG_CUSTOM_IO;
+    return writer;
 }
 
-ContainerWriter::ContainerWriter(AVFormatContext* context, const StreamInfo& info) : m_context(context), m_info(info) {}
+ContainerWriter::ContainerWriter(int fd, const StreamInfo& info) : m_fd(fd), m_info(info) {}
 
 ContainerWriter::~ContainerWriter()
 {
     finish();
-    avio_closep(&m_context->pb);
-    avformat_free_context(m_context);
+    if (m_context) {
+        if (m_context->pb)
+            av_freep(&m_context->pb->buffer);
+        avio_context_free(&m_context->pb);
+        avformat_free_context(m_context);
+    }
+}
+
+// libavformat's output goes through here, so that the disk filling up reaches the
+// retention rules and a failed write leaves its errno.
+int ContainerWriter::writeBytes(const uint8_t* data, int size)
+{
+    m_errno = outputfile::writeAll(m_fd.get(), data, size_t(size), m_makeRoom);
+    return m_errno ? AVERROR(m_errno) : size;
+}
+
+int64_t ContainerWriter::seekTo(int64_t offset, int whence)
+{
+    if (whence & AVSEEK_SIZE) {
+        struct stat st;
+        return ::fstat(m_fd.get(), &st) == 0 ? int64_t(st.st_size) : AVERROR(errno);
+    }
+    const off_t at = ::lseek(m_fd.get(), offset, whence & ~AVSEEK_FORCE);
+    return at < 0 ? AVERROR(errno) : int64_t(at);
 }
 
 bool ContainerWriter::failed(const char* what, int averror)
@@ -90,16 +136,21 @@ bool ContainerWriter::start(const Frame& key)
         par->extradata_size = int(sets.size());
     }
     m_stream->time_base = {1, 90000};
-    const int result = avformat_write_header(m_context, nullptr);
+    // Fragments only where endPiece() says, each with its own base offset (what browsers
+    // and streaming players want); the index at the end is for seeking.
+    AVDictionary* options = nullptr;
+    av_dict_set(&options, "movflags", "frag_custom+empty_moov+default_base_moof", 0);
+    const int result = avformat_write_header(m_context, &options);
+    av_dict_free(&options);
     if (result < 0)
         return failed("header", result);
     m_started = true;
-    return true;
+    return endPiece();
 }
 
 bool ContainerWriter::write(const Frame& frame)
 {
-    if (m_finished)
+    if (m_finished || !m_error.isEmpty())
         return false;
     if (!m_started) {
         // Nothing before the first key frame can be decoded.
@@ -131,7 +182,15 @@ bool ContainerWriter::writeHeld(int64_t untilUs)
     packet->pts = packet->dts = pts;
     packet->duration = std::max<int64_t>(1, end - pts);
     packet->flags = m_heldKey ? AV_PKT_FLAG_KEY : 0;
-    const int result = av_write_frame(m_context, packet);
+    int result = 0;
+    if (m_heldKey || m_heldUs - m_pieceUs >= kPieceUs) {
+        if (m_pieceUs >= 0 && !endPiece()) {
+            av_packet_free(&packet);
+            return false;
+        }
+        m_pieceUs = m_heldUs;
+    }
+    result = av_write_frame(m_context, packet);
     av_packet_free(&packet);
     m_lastPts = pts;
     m_heldUs = -1;
@@ -139,30 +198,43 @@ bool ContainerWriter::writeHeld(int64_t untilUs)
     return result < 0 ? failed("write", result) : true;
 }
 
+bool ContainerWriter::endPiece()
+{
+    const int result = av_write_frame(m_context, nullptr);
+    avio_flush(m_context->pb);
+    if (result < 0 || m_context->pb->error < 0)
+        return failed("write", result < 0 ? result : m_context->pb->error);
+    m_complete = ::lseek(m_fd.get(), 0, SEEK_CUR);
+    return true;
+}
+
 bool ContainerWriter::finish()
 {
     if (m_finished)
         return m_error.isEmpty();
     m_finished = true;
-    if (!m_started)
-        return m_error.isEmpty();
-    bool ok = true;
-    if (m_heldUs >= 0) {
-        // The last frame lasts as long as the average one before it.
-        const int64_t average = m_written > 0 ? (m_heldUs - m_firstUs) / m_written : 33333;
-        ok = writeHeld(m_heldUs + std::max<int64_t>(average, 1));
+    bool ok = m_error.isEmpty();
+    if (m_started && ok) {
+        if (m_heldUs >= 0) {
+            // The last frame lasts as long as the average one before it.
+            const int64_t average = m_written > 0 ? (m_heldUs - m_firstUs) / m_written : 33333;
+            ok = writeHeld(m_heldUs + std::max<int64_t>(average, 1));
+        }
+        const int result = ok ? av_write_trailer(m_context) : 0;
+        avio_flush(m_context->pb);
+        if (ok && (result < 0 || m_context->pb->error < 0))
+            ok = failed("trailer", result < 0 ? result : m_context->pb->error);
     }
-    const int result = av_write_trailer(m_context);
-    if (result < 0)
-        ok = failed("trailer", result);
-    if (avio_closep(&m_context->pb) < 0 && ok)
-        ok = failed("close", AVERROR(EIO));
+    if (!ok)
+        outputfile::cutBack(m_fd.get(), m_complete);
+    if (::close(m_fd.release()) < 0 && ok)
+        ok = failed("close", AVERROR(errno));
     return ok;
 }
 
-extern "C" __attribute__((visibility("default"))) FrameSink* camcap_open_container(const QString& path,
+extern "C" __attribute__((visibility("default"))) FrameSink* camcap_open_container(int fd, const QString& path,
                                                                                    const StreamInfo& info,
                                                                                    QString* error)
 {
-    return ContainerWriter::open(path, info, error).release();
+    return ContainerWriter::open(fd, path, info, error).release();
 }

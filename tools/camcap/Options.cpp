@@ -26,6 +26,18 @@ bool takeValue(const QStringList& args, int* i, QString* value, QString* error)
     return true;
 }
 
+// "500M", "2G", "1048576": bytes; -1 when malformed.
+long long parseSize(const QString& text)
+{
+    const auto m = QRegularExpression(QStringLiteral("^(\\d+(?:\\.\\d+)?)([kKmMgGtT]?)$")).match(text);
+    if (!m.hasMatch())
+        return -1;
+    const QString unit = m.captured(2).toUpper();
+    const int shift = unit == QLatin1String("K") ? 10 : unit == QLatin1String("M") ? 20 : unit == QLatin1String("G") ? 30
+                      : unit == QLatin1String("T") ? 40 : 0;
+    return static_cast<long long>(m.captured(1).toDouble() * double(1LL << shift));
+}
+
 } // namespace
 
 QString usageText()
@@ -44,18 +56,30 @@ QString usageText()
         "                       anything else, or '-' for standard output: the stream as\n"
         "                       delivered (Annex B or concatenated JPEG)\n"
         "  --container C        mp4 | mkv | raw, whatever the extension\n"
-        "  --segment SECONDS    a new file at the first key frame after each interval; FILE\n"
-        "                       holds %d (index) or a strftime pattern, else -NNN is added\n"
+        "  --segment SECONDS    a new file at the first key frame at each interval\n"
+        "                       FILE is a strftime pattern (as date reads it) where %i or\n"
+        "                       %03i is the file's index; %d is the index only in a name\n"
+        "                       with no other % field, else the day of the month; without\n"
+        "                       any field -000, -001, ... goes before the extension\n"
+        "  -y, --overwrite      replace a single FILE that exists (otherwise refused); other\n"
+        "                       files never overwrite: a taken name gets -1, -2, ...\n"
+        "  --keep-free SIZE     keep SIZE (bytes, or with K, M, G) free on the output's\n"
+        "                       filesystem by removing the oldest files of FILE's pattern\n"
+        "  --max-files N        keep at most N files of FILE's pattern (the oldest go)\n"
         "  --stall-timeout S    stop (exit 8) when no frame came for S seconds (default 5,\n"
         "                       10 more for the first; 0: wait for ever)\n"
+        "  --reconnect [S]      after an unplug or a stall wait (S seconds at most; default\n"
+        "                       for ever) for the camera and record on in a new file\n"
         "  --json               print the format list and the summary as one JSON object\n"
+        "  --events             print one JSON line per event (files, camera lost and back)\n"
         "  --simulate [MODEL]   run against the simulated camera (model text, default 'h264')\n"
         "  --force-idr N        ask the camera for a key frame every N frames\n"
         "  --no-progress        no live progress line\n"
         "  -v, --verbose        show the element's INFO and DEBUG lines\n"
         "  -h, --help           this text\n\n"
         "Exit codes: 0 done, 2 usage, 3 plug-in missing, 4 no camera, 5 format refused,\n"
-        "6 output not writable, 7 capture setup failed, 8 camera unplugged or stopped delivering.\n");
+        "6 output not writable, 7 capture setup failed, 8 camera unplugged or stopped delivering,\n"
+        "9 disk full.\n");
 }
 
 std::optional<Options> parseOptions(const QStringList& args, QString* error)
@@ -145,6 +169,42 @@ std::optional<Options> parseOptions(const QStringList& args, QString* error)
             o.container = value.toLower();
         } else if (name == QLatin1String("--json")) {
             o.json = true;
+        } else if (name == QLatin1String("--events")) {
+            o.events = true;
+        } else if (name == QLatin1String("--overwrite") || name == QLatin1String("-y")) {
+            o.overwrite = true;
+        } else if (name == QLatin1String("--keep-free")) {
+            if (!takeValue(args, &i, &value, error))
+                return std::nullopt;
+            o.keepFreeBytes = parseSize(value);
+            if (o.keepFreeBytes <= 0) {
+                *error = QStringLiteral("bad size to keep free '%1' (bytes, or with K, M, G)").arg(value);
+                return std::nullopt;
+            }
+        } else if (name == QLatin1String("--max-files")) {
+            if (!takeValue(args, &i, &value, error))
+                return std::nullopt;
+            bool ok = false;
+            o.maxFiles = value.toInt(&ok);
+            if (!ok || o.maxFiles <= 0) {
+                *error = QStringLiteral("bad file count '%1'").arg(value);
+                return std::nullopt;
+            }
+        } else if (name == QLatin1String("--reconnect")) {
+            o.reconnect = true;
+            // The bound is optional: a number right after it, or "=S".
+            const QString next = arg.contains(QLatin1Char('=')) ? arg.section(QLatin1Char('='), 1)
+                                 : i + 1 < args.size()            ? args[i + 1]
+                                                                  : QString();
+            bool ok = false;
+            const double seconds = next.toDouble(&ok);
+            if (ok && !arg.contains(QLatin1Char('=')))
+                ++i;
+            if ((arg.contains(QLatin1Char('=')) && !ok) || (ok && seconds < 0)) {
+                *error = QStringLiteral("bad reconnect wait '%1'").arg(next);
+                return std::nullopt;
+            }
+            o.reconnectSeconds = ok ? seconds : 0;
         } else if (name == QLatin1String("--no-progress")) {
             o.progress = false;
         } else if (name == QLatin1String("-v") || name == QLatin1String("--verbose")) {
@@ -161,12 +221,16 @@ std::optional<Options> parseOptions(const QStringList& args, QString* error)
         o.container = o.output.contains(QLatin1Char('.')) && kContainers.contains(ext) ? ext : QStringLiteral("raw");
     }
     const bool toStdout = o.output == QLatin1String("-");
-    if (toStdout && (o.container != QLatin1String("raw") || o.segmentSeconds > 0 || o.json)) {
-        *error = QStringLiteral("standard output takes only the raw stream, without --segment or --json");
+    if (toStdout && (o.container != QLatin1String("raw") || o.segmentSeconds > 0 || o.json || o.events)) {
+        *error = QStringLiteral("standard output takes only the raw stream, without --segment, --json or --events");
         return std::nullopt;
     }
     if (o.output.isEmpty() && (o.segmentSeconds > 0 || o.container != QLatin1String("raw"))) {
         *error = QStringLiteral("--segment and --container need --output");
+        return std::nullopt;
+    }
+    if ((toStdout || o.output.isEmpty()) && o.retention()) {
+        *error = QStringLiteral("--keep-free and --max-files need an output file");
         return std::nullopt;
     }
     return o;

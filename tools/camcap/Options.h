@@ -14,6 +14,7 @@ enum ExitCode {
     EXIT_OUTPUT = 6,
     EXIT_SETUP_FAILED = 7,
     EXIT_CAMERA_LOST = 8,
+    EXIT_DISK_FULL = 9,
 };
 
 struct Options {
@@ -34,6 +35,13 @@ struct Options {
     QString container;        // "raw", "mp4" or "mkv"; chosen from the output's extension
     double segmentSeconds = 0;  // 0: one file
     bool json = false;          // format list and summary as one JSON object on stdout
+    bool events = false;        // one JSON line per event on stdout, as it happens
+    bool overwrite = false;     // a single output file that exists is replaced
+    long long keepFreeBytes = 0;  // retention: free space to keep on the output's filesystem
+    int maxFiles = 0;             // retention: files of the output pattern to keep at most
+    bool reconnect = false;       // wait for a lost camera and record on in a new file
+    double reconnectSeconds = 0;  // how long to wait for it; 0: for ever
+    bool retention() const { return keepFreeBytes > 0 || maxFiles > 0; }
 };
 
 // Parses argv; on a usage error sets `error` to one line and returns nothing. `--simulate` takes an

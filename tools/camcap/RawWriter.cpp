@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 
 RawWriter::RawWriter(int fd) : m_fd(fd), m_owned(fd == STDOUT_FILENO ? -1 : fd) {}
@@ -11,25 +10,24 @@ RawWriter::~RawWriter() { finish(); }
 
 bool RawWriter::write(const Frame& frame)
 {
-    size_t done = 0;
-    while (done < frame.size) {
-        const ssize_t n = ::write(m_fd, frame.data + done, frame.size - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            m_error = QString::fromLocal8Bit(strerror(n < 0 ? errno : EIO));
-            return false;
-        }
-        done += size_t(n);
+    if (m_errno)
+        return false;
+    m_errno = outputfile::writeAll(m_fd, frame.data, frame.size, m_makeRoom);
+    if (m_errno) {
+        m_error = QString::fromLocal8Bit(strerror(m_errno));
+        // A frame cut in half would be the file's last: it ends at the last whole one.
+        outputfile::cutBack(m_fd, m_complete);
+        return false;
     }
+    m_complete += int64_t(frame.size);
     return true;
 }
 
 bool RawWriter::finish()
 {
-    if (m_owned && ::close(m_owned.release()) < 0) {
+    if (m_owned && ::close(m_owned.release()) < 0 && !m_errno) {
+        m_errno = errno;
         m_error = QString::fromLocal8Bit(strerror(errno));
-        return false;
     }
-    return true;
+    return m_errno == 0;
 }

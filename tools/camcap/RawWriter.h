@@ -15,4 +15,5 @@ public:
 private:
     int m_fd;
     UniqueFd m_owned;
+    int64_t m_complete = 0;  // bytes of whole frames written
 };

@@ -10,11 +10,18 @@ int64_t Recorder::nowUs()
         .count();
 }
 
-Recorder::Recorder(MediaOutputPin* pin, FrameSink* sink, int codec, long long frameLimit, Events events)
-    : m_pin(pin), m_sink(sink), m_codec(codec), m_frameLimit(frameLimit), m_events(std::move(events))
+Recorder::Recorder(MediaOutputPin* pin, FrameSink* sink, int codec, Limits limits, Events events)
+    : m_pin(pin), m_sink(sink), m_codec(codec), m_limits(limits), m_events(std::move(events))
 {
     m_pin->connect(&m_input);
-    m_thread = std::thread(&Recorder::run, this);
+    resume();
+}
+
+void Recorder::resume()
+{
+    m_stop = false;
+    if (!m_thread.joinable())
+        m_thread = std::thread(&Recorder::run, this);
 }
 
 Recorder::~Recorder() { stop(); }
@@ -65,11 +72,31 @@ void Recorder::take(const uint8_t* data, size_t size, int64_t timeUs)
     m_heldUs = timeUs;
 }
 
+void Recorder::measureInterval(int64_t timeUs)
+{
+    const int64_t delta = m_previousUs >= 0 ? timeUs - m_previousUs : 0;
+    m_previousUs = timeUs;
+    if (delta <= 0)
+        return;
+    const bool usual = m_intervalUs == 0 || (delta < 4 * m_intervalUs && 4 * delta > m_intervalUs);
+    if (usual || ++m_outliers >= 8) {
+        m_intervalUs = usual && m_intervalUs ? (7 * m_intervalUs + delta) / 8 : delta;
+        m_outliers = 0;
+    }
+}
+
 void Recorder::deliver(const uint8_t* data, size_t size, int64_t timeUs)
 {
     if (limitReached() || m_writeFailed)
         return;
-    const Frame frame{data, size, timeUs, annexb::isKeyFrame(m_codec, data, size)};
+    measureInterval(timeUs);
+    if (m_limits.durationUs > 0 && timeUs - m_firstUs >= m_limits.durationUs - m_intervalUs / 2) {
+        m_durationReached = true;
+        if (m_events.done)
+            m_events.done();
+        return;
+    }
+    const Frame frame{data, size, timeUs, m_intervalUs, annexb::isKeyFrame(m_codec, data, size)};
     if (m_sink && !m_sink->write(frame))
         m_writeFailed = true;
     m_bytes += size;

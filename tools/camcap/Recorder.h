@@ -21,18 +21,30 @@ public:
         long long keyFrameEvery = 0;
     };
 
-    // `sink` may be null (frames are counted, not written); `frameLimit` 0 means no limit.
-    Recorder(MediaOutputPin* pin, FrameSink* sink, int codec, long long frameLimit, Events events);
+    // When to stop: after `frames`, or with the first frame not below `durationUs` from the
+    // first (half a frame interval early, so that 3 s at 30 fps are 90 frames); 0: never.
+    struct Limits {
+        long long frames = 0;
+        int64_t durationUs = 0;
+    };
+
+    // `sink` may be null (frames are counted, not written).
+    Recorder(MediaOutputPin* pin, FrameSink* sink, int codec, Limits limits, Events events);
     ~Recorder();
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
 
     // Joins the thread and writes what is still held; the sink is then the caller's again.
     void stop();
+    // Takes frames again after stop(), counting on.
+    void resume();
 
     long long frames() const { return m_frames.load(); }
     uint64_t bytes() const { return m_bytes.load(); }
-    bool limitReached() const { return m_frameLimit > 0 && frames() >= m_frameLimit; }
+    bool limitReached() const
+    {
+        return (m_limits.frames > 0 && frames() >= m_limits.frames) || m_durationReached.load();
+    }
     bool writeFailed() const { return m_writeFailed.load(); }
     PinStats pinStats() const { return m_pin->stats(); }
     // Steady-clock microseconds of the first and latest frame; -1 before the first.
@@ -45,12 +57,14 @@ private:
     void run();
     void take(const uint8_t* data, size_t size, int64_t timeUs);
     void deliver(const uint8_t* data, size_t size, int64_t timeUs);
+    // Follows the usual time between frames; a gap (the camera was away) does not count.
+    void measureInterval(int64_t timeUs);
 
     MediaOutputPin* m_pin;
     MediaInputPin m_input;
     FrameSink* m_sink;
     const int m_codec;
-    const long long m_frameLimit;
+    const Limits m_limits;
     Events m_events;
     // An HEVC access unit may reach the pin in pieces; it is held until the next begins.
     std::vector<uint8_t> m_held;
@@ -59,6 +73,10 @@ private:
     std::atomic<long long> m_frames{0};
     std::atomic<uint64_t> m_bytes{0};
     std::atomic<bool> m_writeFailed{false};
+    std::atomic<bool> m_durationReached{false};
+    int64_t m_previousUs = -1;
+    int64_t m_intervalUs = 0;
+    int m_outliers = 0;
     std::atomic<int64_t> m_firstUs{-1};
     std::atomic<int64_t> m_lastUs{-1};
     std::thread m_thread;

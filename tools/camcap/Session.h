@@ -1,6 +1,7 @@
 #pragma once
 // One run of camcap: drives the element as the host does (initialize, start, format,
-// play, stop), records the pin's output and reports progress and a summary.
+// play, stop), records the pin's output and reports progress and a summary. A camera that
+// is lost ends the run, or with --reconnect is waited for and run again from initialize.
 
 #include <QJsonArray>
 #include <QList>
@@ -10,15 +11,16 @@
 #include <QTimer>
 #include <memory>
 
+#include "EventLog.h"
 #include "MediaFormat.h"
 #include "Options.h"
 #include "UniqueFd.h"
 
 class IMediaElement;
 class Recorder;
-class LogCapture;
+class ElementLog;
 class CameraNode;
-class FrameSink;
+class FileSeries;
 class QSocketNotifier;
 
 class Session {
@@ -33,40 +35,49 @@ public:
     void reportUnexpectedExit();
 
 private:
+    int setUp();
     QJsonArray formatList(const QList<MediaFormat>& formats) const;
     int listFormats(const QList<MediaFormat>& formats);
     int chooseFormat(const QList<MediaFormat>& formats);
     int applyFormat();
     int openOutput();
-    int classifyPlayFailure() const;
+    int play();
+    int classifyPlayFailure();
     void arm();
     void watch();
+    void loseCamera(const QString& why);
+    void tryComingBack();
+    void onRecorderDone();
     void printProgress(bool final);
     void printSummary(int code);
+    void fail(int code, const QString& why);
     void finish(int code, const QString& why);
     QString outputName() const;
 
     IMediaElement* m_element;
     Options m_options;
+    EventLog m_events;
     QObject m_context;  // receives what the recorder and the signal handler post
     int m_codec = -1;            // codec asked of the element
     int m_deliveredCodec = -1;   // what the element will deliver, after negotiation
     QString m_delivered;
     QJsonArray m_formats;
     std::unique_ptr<CameraNode> m_node;
-    std::unique_ptr<FrameSink> m_sink;
-    QStringList m_files;
+    std::unique_ptr<FileSeries> m_files;
     std::unique_ptr<Recorder> m_recorder;
-    std::unique_ptr<LogCapture> m_log;
+    std::unique_ptr<ElementLog> m_log;
     QTimer m_watchTimer;
     QTimer m_progressTimer;
     QTimer m_durationTimer;
     UniqueFd m_signalRead;
     UniqueFd m_signalWrite;
     std::unique_ptr<QSocketNotifier> m_signalNotifier;
-    int64_t m_playUs = 0;
-    int64_t m_stopUs = 0;  // when the recording was told to end
+    int64_t m_playUs = 0;   // when the element last began to play
+    int64_t m_stopUs = 0;   // when the recording was told to end
+    // A lost camera being waited for (--reconnect), and every gap so far.
+    bool m_waiting = false;
+    int64_t m_lostUs = 0;
+    QJsonArray m_gaps;
     QString m_stopReason;
-    int m_exitCode = EXIT_OK;
     bool m_finished = false;
 };

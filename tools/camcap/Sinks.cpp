@@ -1,11 +1,8 @@
 #include <dlfcn.h>
-#include <fcntl.h>
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
-#include <cerrno>
-#include <cstring>
 
 #include "FrameSink.h"
 #include "RawWriter.h"
@@ -38,23 +35,18 @@ decltype(&camcap_open_container) containerEntry(QString* error)
 
 } // namespace
 
-std::unique_ptr<FrameSink> openSink(const QString& path, const StreamInfo& info, QString* error)
+std::unique_ptr<FrameSink> openSink(outputfile::Created file, const StreamInfo& info, QString* error)
 {
     if (info.container != QLatin1String("raw")) {
 #ifdef CAMCAP_CONTAINERS
         const auto open = containerEntry(error);
-        return std::unique_ptr<FrameSink>(open ? open(path, info, error) : nullptr);
+        if (!open)
+            return nullptr;
+        return std::unique_ptr<FrameSink>(open(file.fd.release(), file.path, info, error));
 #else
         *error = QStringLiteral("this camcap was built without container support (libavformat)");
         return nullptr;
 #endif
     }
-    if (path == QLatin1String("-"))
-        return std::make_unique<RawWriter>(STDOUT_FILENO);
-    const int fd = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd < 0) {
-        *error = QString::fromLocal8Bit(strerror(errno));
-        return nullptr;
-    }
-    return std::make_unique<RawWriter>(fd);
+    return std::make_unique<RawWriter>(file.fd.release());
 }

@@ -2,6 +2,7 @@
 
 #include <QCoreApplication>
 #include <QStringList>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
@@ -51,8 +52,11 @@ int main(int argc, char** argv)
         return EXIT_USAGE;
     }
 
+    // A reader that went away (`| head`) is a write error to finish on, not a killing signal.
+    std::signal(SIGPIPE, SIG_IGN);
     QCoreApplication app(argc, argv);
-    Logger::setThreshold(options->verbosity);
+    // Without -v the element's lines are held and shown with the failure they explain.
+    Logger::setThreshold(options->verbosity >= 4 ? 4 : -1);
     g_verbosity = options->verbosity;
     qInstallMessageHandler(filterQtMessages);
 
