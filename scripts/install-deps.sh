@@ -9,7 +9,7 @@ packages=(
   libgtest-dev libgmock-dev
   libopenh264-dev libyuv-dev libjpeg62-turbo-dev libx265-dev
   linux-libc-dev
-  ffmpeg
+  ffmpeg jq
   libdrm-dev
   libavformat-dev
   clang libclang-rt-14-dev

@@ -10,7 +10,7 @@ cmake --build build -j "$(nproc)"
 if [ $# -gt 0 ]; then
   exec ./build/bin/camcap "$@"
 fi
-./build/bin/camcap --simulate h264 --size 1280x720 --duration 5 --output capture.h264
+./build/bin/camcap --simulate h264 --size 1280x720 --duration 5 --output capture.h264 --overwrite
 if command -v ffprobe >/dev/null; then
   frames=$(ffprobe -v error -count_frames -select_streams v:0 -show_entries stream=nb_read_frames \
            -of csv=p=0 -f h264 capture.h264)
