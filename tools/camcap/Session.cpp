@@ -75,6 +75,9 @@ bool offers(const QList<MediaFormat>& formats, int codec, int w = 0, int h = 0)
 double seconds(int64_t us) { return double(us) / 1e6; }
 
 constexpr int64_t kStartupGraceUs = 10000000;
+// The element ends the process after 300 failed reads in a row, one a second at most on a
+// silent camera: camcap calls a stall well before, whatever --stall-timeout says.
+constexpr double kElementPatienceSeconds = 240;
 
 // The element answers an H.264 request with the first of these the camera has at the size.
 const int kNegotiationOrder[] = {CODEC_TYPE_H264, CODEC_TYPE_NV12, CODEC_TYPE_YUYV, CODEC_TYPE_MJPEG};
@@ -377,7 +380,9 @@ void Session::watch()
     const int64_t last = m_recorder->lastFrameUs();
     const bool started = last >= m_playUs;
     const int64_t quiet = started ? now - last : now - m_playUs - kStartupGraceUs;
-    const bool silent = m_options.stallTimeout > 0 && quiet >= int64_t(m_options.stallTimeout * 1e6);
+    const double timeout = m_options.stallTimeout > 0 ? std::min(m_options.stallTimeout, kElementPatienceSeconds)
+                                                      : kElementPatienceSeconds;
+    const bool silent = quiet >= int64_t(timeout * 1e6);
     if (!gone && !silent)
         return;
     if (m_options.progress && isatty(STDERR_FILENO))
