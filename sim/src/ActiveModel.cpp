@@ -155,10 +155,19 @@ std::optional<std::string> ActiveModel::shadowPath(std::string_view path, PathUs
     return std::nullopt;
 }
 
+ActiveModel::~ActiveModel()
+{
+    // Before the nodes go: a running timer must never hold the last reference to one.
+    for (const auto& c : cameras_)
+        c->stopReplugTimer();
+}
+
 void ActiveModel::retire()
 {
-    for (const auto& c : cameras_)
+    for (const auto& c : cameras_) {
         c->retired.store(true);
+        c->stopReplugTimer();
+    }
 }
 
 } // namespace simcam

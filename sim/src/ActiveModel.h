@@ -33,6 +33,9 @@ public:
     // Validates and normalises the model and builds its shadow tree. Throws
     // std::invalid_argument (bad model) or std::runtime_error (file system).
     explicit ActiveModel(Model model);
+    ~ActiveModel(); // joins the cameras' replug timers, as retire() does
+    ActiveModel(const ActiveModel&) = delete;
+    ActiveModel& operator=(const ActiveModel&) = delete;
 
     const Model& model() const { return model_; }
     const std::string& root() const { return shadow_.root(); }
@@ -46,7 +49,8 @@ public:
     // The shadow path standing in for `path`, if it is redirected for this use.
     std::optional<std::string> shadowPath(std::string_view path, PathUse use) const;
 
-    // Marks every camera retired: its descriptors fail from now on.
+    // Marks every camera retired: its descriptors fail from now on, and a camera waiting to
+    // come back (replug=MS) never does: its timer thread is joined here.
     void retire();
 
 private:

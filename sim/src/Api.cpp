@@ -210,6 +210,7 @@ Stats stats()
         h->addGauges(s);
     s.mappings = DmabufMapping::live();
     s.clockThreads = StreamQueue::runningClocks();
+    s.replugTimers = CameraState::replugTimers();
     return s;
 }
 

@@ -1,10 +1,16 @@
 #include "DeviceState.h"
 
+#include <pthread.h>
+
 #include <cerrno>
+#include <cstdio>
+#include <system_error>
 
 namespace simcam {
 
 namespace {
+
+std::atomic<int> g_replugTimers{0};
 
 Camera withoutNodes(Camera c)
 {
@@ -45,10 +51,43 @@ bool CameraState::unplugged() const
     return unplugged_;
 }
 
+CameraState::~CameraState()
+{
+    stopReplugTimer();
+}
+
+int CameraState::replugTimers()
+{
+    return g_replugTimers.load();
+}
+
 void CameraState::unplug()
 {
     std::lock_guard lock(m_);
+    if (unplugged_)
+        return; // gone already; a scheduled return keeps its time
     unplugged_ = true;
+    if (config.replugMs < 0 || replugStopped_)
+        return;
+    replugAt_ = Clock::now() + std::chrono::milliseconds(config.replugMs);
+    if (!replugThread_.joinable()) {
+        try {
+            replugThread_ = std::thread(&CameraState::replugLoop, this);
+            g_replugTimers.fetch_add(1);
+        } catch (const std::system_error& e) {
+            std::fprintf(stderr, "simcam: no replug timer (%s): the camera stays unplugged\n", e.what());
+            replugAt_.reset();
+        }
+    }
+    replugWake_.notify_all();
+}
+
+std::vector<std::weak_ptr<NodeState>> CameraState::reenumerateLocked()
+{
+    unplugged_ = false;
+    ++generation_;
+    replugAt_.reset();
+    return nodes_;
 }
 
 void CameraState::reenumerate()
@@ -56,13 +95,53 @@ void CameraState::reenumerate()
     std::vector<std::weak_ptr<NodeState>> nodes;
     {
         std::lock_guard lock(m_);
-        unplugged_ = false;
-        ++generation_;
-        nodes = nodes_;
+        nodes = reenumerateLocked();
     }
     for (const auto& weak : nodes)
         if (auto node = weak.lock())
             node->reenumerated();
+}
+
+void CameraState::replugLoop()
+{
+    pthread_setname_np(pthread_self(), "simcam-replug");
+    std::unique_lock lock(m_);
+    while (!replugStopped_) {
+        if (!replugAt_) {
+            replugWake_.wait(lock);
+            continue;
+        }
+        if (Clock::now() < *replugAt_) {
+            replugWake_.wait_until(lock, *replugAt_);
+            continue; // stopped, cancelled by a reset, or time: look again
+        }
+        // The deadline and the re-enumeration under one lock: a reset in between cannot
+        // make it happen twice (which would kill descriptors opened after the first).
+        const std::vector<std::weak_ptr<NodeState>> nodes = reenumerateLocked();
+        lock.unlock();
+        // The model is only destroyed after this thread was joined, so it holds the nodes:
+        // none of them is released last here.
+        for (const auto& weak : nodes)
+            if (auto node = weak.lock())
+                node->reenumerated();
+        lock.lock();
+    }
+}
+
+void CameraState::stopReplugTimer()
+{
+    std::thread timer;
+    {
+        std::lock_guard lock(m_);
+        replugStopped_ = true;
+        replugAt_.reset();
+        timer = std::move(replugThread_);
+    }
+    replugWake_.notify_all();
+    if (timer.joinable()) {
+        timer.join();
+        g_replugTimers.fetch_sub(1);
+    }
 }
 
 std::vector<uint8_t> CameraState::extensionControl(uint8_t selector) const
@@ -101,7 +180,8 @@ NodeState::NodeState(const Node& config_, std::shared_ptr<CameraState> camera_, 
 NodeSnapshot NodeState::snapshot() const
 {
     std::lock_guard lock(m_);
-    return {faults_, goodDequeues_, format_, forcedTimePerFrame_.value_or(timePerFrame_)};
+    return {faults_, goodDequeues_, streamDequeues_, format_,
+            forcedTimePerFrame_.value_or(timePerFrame_)};
 }
 
 Faults NodeState::faults() const
@@ -115,6 +195,7 @@ void NodeState::setFaults(const Faults& faults)
     std::lock_guard lock(m_);
     faults_ = faults;
     goodDequeues_ = 0;
+    streamDequeues_ = 0;
     produced_ = 0;
 }
 
@@ -206,6 +287,13 @@ void NodeState::countGoodDequeue()
 {
     std::lock_guard lock(m_);
     ++goodDequeues_;
+    ++streamDequeues_;
+}
+
+void NodeState::streamStarted()
+{
+    std::lock_guard lock(m_);
+    streamDequeues_ = 0;
 }
 
 bool NodeState::nextFrameEmpty()
@@ -224,6 +312,7 @@ void NodeState::reenumerated()
         faults_.dqbufAfter = 0;
     }
     goodDequeues_ = 0;
+    streamDequeues_ = 0;
 }
 
 } // namespace simcam

@@ -7,11 +7,14 @@
 #include "simcam/Model.h"
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace simcam {
@@ -21,6 +24,9 @@ class NodeState;
 class CameraState {
 public:
     CameraState(const Camera& config, int index);
+    ~CameraState(); // stopReplugTimer()
+    CameraState(const CameraState&) = delete;
+    CameraState& operator=(const CameraState&) = delete;
 
     const Camera config; // `nodes` left empty: the nodes live in NodeState
     const int index;
@@ -35,11 +41,18 @@ public:
     bool present(uint64_t generation) const;
     bool unplugged() const;
 
+    // With `replugMs` set, the camera re-enumerates by itself that long after the unplug:
+    // a timer thread, started at the first unplug, waits for it until stopReplugTimer().
     void unplug();
     // Enumerates anew, as after a USB reset or a replug: present again, a new generation
     // (older descriptors die), and the unplug fault of its nodes forgotten so it does not
-    // recur.
+    // recur. A return the replug timer had scheduled is cancelled.
     void reenumerate();
+    // Joins the replug timer; from now on an unplug schedules no return. Called when the
+    // model is retired or destroyed; repeating it does nothing.
+    void stopReplugTimer();
+    // Replug timer threads started and not yet joined, over every camera (stats()).
+    static int replugTimers();
 
     std::vector<uint8_t> extensionControl(uint8_t selector) const;
     void setExtensionControl(uint8_t selector, std::vector<uint8_t> bytes);
@@ -47,9 +60,19 @@ public:
     void attach(const std::shared_ptr<NodeState>& node);
 
 private:
+    using Clock = std::chrono::steady_clock;
+
+    void replugLoop();
+    // Under m_: present again with a new generation; returns the nodes to tell.
+    std::vector<std::weak_ptr<NodeState>> reenumerateLocked();
+
     mutable std::mutex m_;
     bool unplugged_ = false;
     uint64_t generation_ = 0;
+    std::condition_variable replugWake_;
+    std::optional<Clock::time_point> replugAt_; // when the unplugged camera comes back
+    bool replugStopped_ = false;
+    std::thread replugThread_;
     std::map<uint8_t, std::vector<uint8_t>> extension_;
     std::vector<std::weak_ptr<NodeState>> nodes_;
 };
@@ -57,7 +80,8 @@ private:
 // What a frame clock needs to know about the node, read in one go.
 struct NodeSnapshot {
     Faults faults;
-    uint64_t goodDequeues = 0;
+    uint64_t goodDequeues = 0;   // since the last fault change or re-enumeration
+    uint64_t streamDequeues = 0; // the same, and since the last STREAMON (stallAfter)
     PixFormat format;
     Interval timePerFrame;
 };
@@ -99,6 +123,8 @@ public:
     bool takeKeyFrameRequest() { return keyFrameRequested_.exchange(false); }
 
     void countGoodDequeue();
+    // STREAMON: a new stream, whose stallAfter count starts from zero.
+    void streamStarted();
     // Counts a produced frame; true when this one is to carry no payload.
     bool nextFrameEmpty();
     // The camera enumerated anew: the unplug fault is spent and the queue of the old
@@ -109,6 +135,7 @@ private:
     mutable std::mutex m_;
     Faults faults_;
     uint64_t goodDequeues_ = 0;
+    uint64_t streamDequeues_ = 0;
     uint64_t produced_ = 0;
     PixFormat format_;
     Interval timePerFrame_;

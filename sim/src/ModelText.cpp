@@ -314,6 +314,9 @@ const std::map<std::string, Setting>& settings()
         {"noreplug", {false, [](Model&, Scope& s, std::string_view, const Item& item) {
              singleCamera(s, item).resetReplugs = false;
          }}},
+        {"replug", {true, [](Model&, Scope& s, std::string_view v, const Item& item) {
+             singleCamera(s, item).replugMs = int(item.number(v, 0, 3600 * 1000));
+         }}},
         {"usbopen", {true, [](Model&, Scope& s, std::string_view v, const Item& item) {
              singleCamera(s, item).usbOpenErrno = item.errnoValue(v);
          }}},

@@ -176,8 +176,10 @@ int StreamQueue::dequeueBuffer(v4l2_buffer& b)
             return dead_ ? ENODEV : EINVAL;
         evaluateLocked();
         if (errorPending_) {
-            if (error_ == ENODEV)
-                node_->camera->unplug(); // the unplug fault happens now
+            // The unplug fault happens now. A descriptor whose camera is gone already (it
+            // re-enumerated since, say) only fails: it must not unplug the new device.
+            if (error_ == ENODEV && !gone_)
+                node_->camera->unplug();
             return error_;
         }
         if (!done_.empty())
@@ -249,6 +251,7 @@ int StreamQueue::streamOn()
         return EIO;
 
     std::lock_guard lock(m_);
+    node_->streamStarted(); // a stalled camera delivers to a fresh stream
     streaming_ = true;
     stop_ = false;
     wake_ = false;
@@ -472,7 +475,7 @@ void StreamQueue::evaluateLocked()
     const bool wasPending = errorPending_;
     errorPending_ = error != 0;
     error_ = error;
-    stalled_ = node.faults.stall && node.goodDequeues >= uint64_t(node.faults.stallAfter);
+    stalled_ = node.faults.stall && node.streamDequeues >= uint64_t(node.faults.stallAfter);
     syncReadinessLocked();
     if (errorPending_ && !wasPending)
         cv_.notify_all();

@@ -44,6 +44,16 @@ const TextCase kTexts[] = {
          EXPECT_EQ(std::make_pair(faults0(m).dqbufErrno, faults0(m).dqbufAfter), std::make_pair(ENODEV, 4));
          EXPECT_EQ(faults0(m).openErrno, EACCES);
      }},
+    {"unplug=4", nullptr, [](const Model& m) { EXPECT_EQ(m.cameras[0].replugMs, -1) << "no replug"; }},
+    {"cameras=2,replug=1500,noreplug,cam1.replug=0", nullptr, [](const Model& m) {
+         EXPECT_EQ(m.cameras.at(0).replugMs, 1500);
+         EXPECT_FALSE(m.cameras[0].resetReplugs) << "independent of replug";
+         EXPECT_EQ(m.cameras.at(1).replugMs, 0);
+     }},
+    {"stallafter=7", nullptr, [](const Model& m) {
+         EXPECT_TRUE(faults0(m).stall);
+         EXPECT_EQ(faults0(m).stallAfter, 7);
+     }},
     {"fps=5-30:1/30", nullptr, [](const Model& m) {
          const IntervalRange r = node0(m).formats.at(0).intervalRange.value();
          EXPECT_TRUE(r.min == (Interval{1, 30}) && r.max == (Interval{1, 5}) && r.step == (Interval{1, 30}));
@@ -61,6 +71,9 @@ const TextCase kTexts[] = {
     {"video9.stall", "no camera or node", {}},
     {"cam1.bus=3", "out of range", {}},
     {"fps=x", "not a number", {}},
+    {"replug", "needs a value", {}},
+    {"replug=-1", "out of range", {}},
+    {"replug=100/renumber", "not a number", {}},
     {"formats=ABCDE", "not a FourCC", {}},
     {"usb=pci", "device, interface or none", {}},
 };

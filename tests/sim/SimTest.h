@@ -71,15 +71,17 @@ struct DmaBuffer {
 };
 
 // /dev/video0 set up as the element does: S_FMT, REQBUFS DMABUF, QBUF every buffer,
-// STREAMON. Check `error` and `failedAt` after construction.
+// STREAMON. Check `error` and `failedAt` after construction. Opened non-blocking unless
+// `blocking`.
 struct Stream {
-    UniqueFd fd{::open("/dev/video0", O_RDWR | O_NONBLOCK)};
+    UniqueFd fd;
     v4l2_format format{};
     std::deque<DmaBuffer> buffers;
     int error = 0;
     const char* failedAt = "";
 
-    Stream(uint32_t fourcc, uint32_t width, uint32_t height, uint32_t count = 4)
+    Stream(uint32_t fourcc, uint32_t width, uint32_t height, uint32_t count = 4, bool blocking = false)
+        : fd(::open("/dev/video0", O_RDWR | (blocking ? 0 : O_NONBLOCK)))
     {
         if (failed("open", fd.get() < 0 ? errno : 0))
             return;
@@ -124,7 +126,7 @@ private:
     }
 };
 
-// Every test must leave no descriptor, mapping or clock thread behind.
+// Every test must leave no descriptor, mapping, clock or replug thread behind.
 class SimTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(simcam::interposing()) << "libsimcam must be linked first"; }
@@ -135,6 +137,7 @@ protected:
         EXPECT_EQ(s.openDescriptors, 0);
         EXPECT_EQ(s.mappings, 0);
         EXPECT_EQ(s.clockThreads, 0);
+        EXPECT_EQ(s.replugTimers, 0);
     }
 };
 

@@ -6,7 +6,7 @@
 //
 // Kinds: stalls of 0.5-2 s, runs of empty frames, bursts of VIDIOC_DQBUF errors, a
 // bytesused beyond the buffer, a dequeue reporting an index the client never queued, an
-// unplug (a USB reset brings the camera back), a format refusal at the next S_FMT, and on
+// unplug (a USB reset brings the camera back, or the model's replug=MS), a format refusal at the next S_FMT, and on
 // the consumer side pauses a client's consumer is expected to honour (consumerPaused()).
 
 #include <atomic>
@@ -35,7 +35,7 @@ public:
     explicit Chaos(uint64_t seed) : Chaos(seed, Options{}) {}
     Chaos(uint64_t seed, Options options);
     // Ends the schedule and clears every node's faults (an unplugged camera stays
-    // unplugged until a reset or replug()).
+    // unplugged until a reset, replug() or its replug=MS time).
     ~Chaos();
     Chaos(const Chaos&) = delete;
     Chaos& operator=(const Chaos&) = delete;

@@ -57,7 +57,7 @@ struct Format {
 };
 
 // Misbehaviour of one device node. Default-constructed = a healthy camera. Changing a
-// node's faults restarts its "after N frames" counting.
+// node's faults restarts its "after N frames" counting; STREAMON restarts stallAfter's.
 struct Faults {
     int openErrno = 0;      // open() fails with this errno (ENOENT, EBUSY, EACCES, ...)
     bool busy = false;      // another process owns the queue: S_FMT and REQBUFS fail EBUSY
@@ -76,7 +76,8 @@ struct Faults {
     int streamQbufAfter = 0; // ... after this many frames went round (dequeued, queued again)
     int streamonErrno = 0;  // VIDIOC_STREAMON fails
     bool stall = false;     // streaming, but no frame is ever ready ...
-    int stallAfter = 0;     // ... once this many frames were dequeued
+    int stallAfter = 0;     // ... once this many frames were dequeued from this stream
+                            //     (counted from STREAMON: a stream started anew delivers again)
     int emptyEvery = 0;     // every Nth frame has bytesused 0 (1: every frame)
     int dqbufErrno = 0;     // VIDIOC_DQBUF fails (ENODEV: the camera unplugs then) ...
     int dqbufAfter = 0;     // ... once this many frames were dequeued
@@ -116,6 +117,8 @@ struct Camera {
     int devnum = 2;
     int extensionUnit = 9;     // UVC extension unit id answering UVCIOC_CTRL_QUERY (0: none)
     bool resetReplugs = true;  // USBDEVFS_RESET brings an unplugged camera back
+    int replugMs = -1;         // an unplugged camera comes back by itself this many ms later
+                               // (as after a USB reset); -1: it stays unplugged
     int usbOpenErrno = 0;      // open() of the usbfs node fails
     int resetErrno = 0;        // USBDEVFS_RESET fails
     std::vector<Node> nodes;

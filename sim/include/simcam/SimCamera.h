@@ -66,7 +66,8 @@ void setUnthrottled(bool unthrottled);
 // A zero denominator removes the override.
 void setTimePerFrame(std::string_view node, Interval interval);
 
-// Unplugs the camera at once: its streams wake with ENODEV, opens fail ENOENT.
+// Unplugs the camera at once: its streams wake with ENODEV, opens fail ENOENT. With the
+// camera's `replugMs` set it comes back by itself that long after.
 void unplug(int camera = 0);
 // Brings it back (as a successful USB reset does). Old descriptors stay dead.
 void replug(int camera = 0);
@@ -111,6 +112,7 @@ struct Stats {
     int streams = 0;          // descriptors streaming
     int mappings = 0;         // imported DMA-BUF mappings held
     int clockThreads = 0;     // frame clock threads running
+    int replugTimers = 0;     // replug=MS timer threads of the model's cameras (until cleared)
 
     bool streaming() const { return streams > 0; }
     uint64_t ioctlCount(unsigned long request) const
