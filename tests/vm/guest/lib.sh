@@ -84,12 +84,13 @@ stamp_lines() {
     printf '%s %s\n' "$up" "$line"
   done
 }
-# wait_frames LOG [N]: until the element has had its first frame N times (once per
-# play(); camcap's file fills in whole stdio buffers, too late to go by), then a moment
-# longer.
+# wait_frames LOG [N [PID]]: until the element has had its first frame N times (once per
+# play(); camcap's file fills in whole stdio buffers, too late to go by) or camcap (PID)
+# has ended, then a moment longer.
 wait_frames() {
   for _ in $(seq 300); do
     [ "$(grep_count "got a frame" "$1")" -ge "${2:-1}" ] && break
+    [ -n "${3:-}" ] && ! kill -0 "$3" 2>/dev/null && break
     sleep 0.2
   done
   sleep 1

@@ -54,10 +54,10 @@ for i in "${!losses[@]}"; do
   read -r node_at _ < /proc/uptime
   check "$how: the camera is back (${NODE:-none})" test -n "$NODE"
   # camcap is back when the element has its first frame again.
-  wait_frames "$log" $((i + 2))
+  wait_frames "$log" $((i + 2)) "$pid"
   said=$(grep -F "camcap: camera back on" "$log" | sed -n "$((i + 1))p")
   lag=${said:+$(awk -v t="$node_at" '{ printf "%.1f", $1 - t }' <<< "$said")}
-  check "$how: camcap says it is back on $NODE (${lag:-never}s after the node)" \
+  check "$how: camcap says it is back on $NODE (${lag:-never} s after this script saw the node)" \
     awk -v said="$said" -v want="camcap: camera back on $NODE" -v lag="${lag:-99}" -v most="$back_within" \
       'BEGIN { exit !(substr(said, length(said) - length(want) + 1) == want && lag < most) }'
 done
