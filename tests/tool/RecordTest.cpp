@@ -87,7 +87,8 @@ TEST_P(Segments, AreEachSSecondsWithinAFrameAndStartWithAKeyFrame)
     if (!QString(c.file).endsWith(".mjpeg") && !kContainers)
         GTEST_SKIP() << "camcap was built without libavformat";
     QTemporaryDir dir;
-    const ToolRun run = camcap({"--simulate", c.model, "--size", "640x480", "--segment", QString::number(c.segment),
+    const ToolRun run = camcap({"--simulate", c.model, "--format", QString(c.model).section(',', 0, 0), "--size",
+                                "640x480", "--segment", QString::number(c.segment),
                                 "--duration", QString::number(c.duration), "--output", dir.filePath(c.file), "--json"});
     ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
     const QStringList files = run.files();

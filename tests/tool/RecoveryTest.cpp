@@ -127,7 +127,7 @@ INSTANTIATE_TEST_SUITE_P(
 struct LostCase : Row {
     const char* model;
     const char* stallTimeout;
-    const char* message;
+    const char* message;  // a pattern
     int minFrames;      // 0: none ever came, and no file is left
 };
 
@@ -141,7 +141,7 @@ TEST_P(LostCamera, EndsSayingWhyOnceWithAPlayableFileOrNone)
     const ToolRun run = camcap({"--simulate", c.model, "--size", "640x480", "--stall-timeout", c.stallTimeout,
                                 "--output", file, "--json"}, watching(file));
     EXPECT_EQ(run.exitCode, 8) << qPrintable(run.err);
-    EXPECT_TRUE(run.err.contains(c.message)) << qPrintable(run.err);
+    EXPECT_TRUE(run.err.contains(QRegularExpression(c.message))) << qPrintable(run.err);
     // The element's log lines come once each, with the failure they explain.
     const QStringList lines = run.err.split('\n', Qt::SkipEmptyParts);
     EXPECT_EQ(QSet<QString>(lines.begin(), lines.end()).size(), lines.size()) << qPrintable(run.err);
@@ -164,8 +164,8 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(LostCase{"Unplugged", "h264,gop=5,unplug=30", "2", "camcap: camera unplugged", 29},
                     LostCase{"UnpluggedWithoutTimeout", "h264,gop=5,unplug=30", "0", "camcap: camera unplugged", 29},
                     LostCase{"Stopped", "h264,gop=5,stallafter=30", "2",
-                             "camcap: camera stopped delivering (no frame for ", 29},
-                    LostCase{"NeverStarted", "h264,stall", "1", "camcap: the camera delivered no frame in 11.0 s", 0}),
+                             "camcap: camera stopped delivering \\(no frame for [23]\\.\\d s\\)", 29},
+                    LostCase{"NeverStarted", "h264,stall", "1", "camcap: the camera delivered no frame in 11\\.\\d s", 0}),
     RowName());
 
 TEST(Recovery, AReaderThatGoesEndsTheRunWithASummaryAndNoLeftovers)

@@ -19,6 +19,8 @@ struct RowName {
     std::string operator()(const testing::TestParamInfo<P>& info) const { return info.param.name; }
 };
 
+inline void PrintTo(const QString& s, std::ostream* os) { *os << '"' << s.toStdString() << '"'; }
+
 inline const bool kContainers = CAMCAP_CONTAINERS;  // camcap was built with libavformat
 
 struct ToolRun {
