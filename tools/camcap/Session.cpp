@@ -150,18 +150,21 @@ int Session::chooseFormat(const QList<MediaFormat>& formats)
 {
     const int wanted = codecOf(m_options.format);
     // The element asks the driver for what it is told; a driver without the format answers
-    // with another, which would be recorded under the wrong name.
-    if (!offers(formats, wanted)) {
+    // with another, which would be recorded under the wrong name. H.264 is negotiated.
+    const bool negotiable = std::any_of(std::begin(kNegotiationOrder), std::end(kNegotiationOrder),
+                                        [&](int codec) { return offers(formats, codec); });
+    if (wanted == CODEC_TYPE_H264 ? !negotiable : !offers(formats, wanted)) {
         std::fprintf(stderr, "camcap: the camera offers no %s format (%s)\n", qPrintable(m_options.format),
                      qPrintable(offered(formats)));
         return EXIT_FORMAT_REFUSED;
     }
-    if (m_options.width == 0) {
+    // Default size: the first of the format, or of the first format H.264 negotiates to.
+    for (int codec : kNegotiationOrder) {
+        const int sized = wanted == CODEC_TYPE_H264 ? codec : wanted;
         for (const MediaFormat& f : formats) {
-            if (f.codecType == wanted) {
+            if (m_options.width == 0 && f.codecType == sized) {
                 m_options.width = f.width;
                 m_options.height = f.height;
-                break;
             }
         }
     }
