@@ -219,6 +219,7 @@ TEST_P(Reconnect, GoesOnInANewFileAndSaysWhatHappened)
     const QList<QByteArray> lines = run.out.trimmed().split('\n');
     for (const QByteArray& line : lines)
         EXPECT_TRUE(QJsonDocument::fromJson(line).isObject()) << line.constData();
+    EXPECT_TRUE(QJsonDocument::fromJson(lines.last()).object().contains("summary")) << "the summary comes last";
     QStringList kinds;
     int total = 0;
     for (const QJsonObject& e : run.events()) {
