@@ -52,6 +52,8 @@ int interruptAfterMs(const QString& command)
 
 TEST(ReadmeExamples, EachRunsAndLeavesOnlyPlayableFiles)
 {
+    if (!kContainers)
+        GTEST_SKIP() << "the examples write .mp4 and .mkv files: camcap was built without libavformat";
     const std::vector<Example> examples = readmeExamples();
     ASSERT_GE(examples.size(), 3u) << "no examples found in " << README_PATH;
     for (const Example& e : examples) {

@@ -259,7 +259,9 @@ int Session::play()
     m_playUs = Recorder::nowUs();
     if (m_element->play() != 0)
         return classifyPlayFailure();
-    m_node = std::make_unique<CameraNode>();
+    // Set before the recorder runs (it asks the node for key frames), kept while it runs.
+    if (!m_node)
+        m_node = std::make_unique<CameraNode>();
     int w = 0, h = 0;
     if (m_node->currentSize(&w, &h) && (w != m_options.width || h != m_options.height)) {
         m_options.width = w;
@@ -435,14 +437,14 @@ void Session::tryComingBack()
         return;
     m_element->initialize();
     m_element->start();
-    m_recorder->resume();
     if (applyFormat() != EXIT_OK || play() != EXIT_OK) {
         // Back on the bus but not ready yet: try again at the next look.
         m_element->stop();
-        m_recorder->stop();
+        m_node.reset();
         m_log->collect();
         return;
     }
+    m_recorder->resume();
     m_waiting = false;
     QJsonObject gap = m_gaps.last().toObject();
     gap.insert(QStringLiteral("back"), EventLog::now());
