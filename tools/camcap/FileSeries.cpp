@@ -51,7 +51,6 @@ bool FileSeries::openNext(QString* error)
     m_frames = 0;
     m_bytes = 0;
     m_made << m_path;
-    m_events.report("file-opened", {{QStringLiteral("file"), m_path}});
     return true;
 }
 
@@ -75,6 +74,8 @@ bool FileSeries::startWriter(QString* error)
         return false;
     }
     m_current->setMakeRoom([this] { return makeRoom(); });
+    // A file that never gets a frame is removed unseen; one that does, opens here.
+    m_events.report("file-opened", {{QStringLiteral("file"), m_path}});
     return true;
 }
 

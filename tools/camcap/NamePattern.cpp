@@ -130,6 +130,13 @@ bool NamePattern::matches(const QString& path) const
     return m.hasMatch() && m_fileName.match(stem.left(m.capturedStart()) + path.mid(ext)).hasMatch();
 }
 
+QString NamePattern::pathOf(const QString& entry) const
+{
+    if (m_bare)
+        return entry;
+    return m_directory.endsWith(QLatin1Char('/')) ? m_directory + entry : m_directory + QLatin1Char('/') + entry;
+}
+
 QString NamePattern::withSuffix(const QString& name, int n)
 {
     const int ext = extensionAt(name);

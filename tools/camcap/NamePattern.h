@@ -22,7 +22,7 @@ public:
     // The directory the pattern's files go to, or empty when it holds a field itself.
     QString fixedDirectory() const { return m_directory; }
     // An entry of that directory as the pattern would name it.
-    QString pathOf(const QString& entry) const { return m_bare ? entry : QString(m_directory).remove(QRegularExpression(QStringLiteral("/$"))) + QLatin1Char('/') + entry; }
+    QString pathOf(const QString& entry) const;
 
     // "dir/name-N.ext" for "dir/name.ext".
     static QString withSuffix(const QString& name, int n);
