@@ -102,3 +102,18 @@ bool CameraNode::currentSize(int* width, int* height) const
     *height = int(format.fmt.pix.height);
     return true;
 }
+
+int CameraNode::setFormat(uint32_t fourcc, int width, int height) const
+{
+    v4l2_format format;
+    std::memset(&format, 0, sizeof format);
+    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    format.fmt.pix.pixelformat = fourcc;
+    format.fmt.pix.width = uint32_t(width);
+    format.fmt.pix.height = uint32_t(height);
+    if (!m_fd)
+        return ENODEV;
+    if (ioctl(m_fd.get(), VIDIOC_S_FMT, &format) < 0)
+        return errno;
+    return format.fmt.pix.pixelformat == fourcc ? 0 : EINVAL;
+}

@@ -25,6 +25,12 @@ public:
     bool gone() const;
     // The node answers as a capture device (a camera that came back, for instance).
     bool canCapture() const;
+    // Whether the node could be opened at all.
+    bool opened() const { return m_fd.valid(); }
+    // Asks the driver for a format as the element does: 0 when it takes it as asked (the
+    // size may be adjusted), else the errno of the refusal, or EINVAL when it answers with
+    // another pixel format.
+    int setFormat(uint32_t fourcc, int width, int height) const;
     // The size the camera is set to deliver; false when it does not say.
     bool currentSize(int* width, int* height) const;
     QString path() const { return m_path; }

@@ -24,15 +24,6 @@ void ElementLog::collect()
     m_capture.clear();
 }
 
-bool ElementLog::contains(const std::string& needle)
-{
-    collect();
-    for (const auto& held : m_held)
-        if (held.first.find(needle) != std::string::npos)
-            return true;
-    return false;
-}
-
 void ElementLog::show()
 {
     collect();

@@ -13,8 +13,6 @@ class ElementLog {
 public:
     // `live`: the logger prints every line already (-v); nothing is held.
     explicit ElementLog(bool live);
-    // Whether a line since the last show() holds `needle`.
-    bool contains(const std::string& needle);
     // Prints the held lines on stderr and forgets them.
     void show();
     // Folds the captured lines into the held ones; called now and then, so a long run

@@ -170,7 +170,7 @@ int Session::chooseFormat(const QList<MediaFormat>& formats)
     }
     const int w = m_options.width, h = m_options.height;
     if (wanted == CODEC_TYPE_MJPEG || wanted == CODEC_TYPE_HEVC) {
-        m_codec = m_deliveredCodec = wanted;
+        m_codec = m_deliveredCodec = m_captureCodec = wanted;
         m_delivered = m_options.format;
         if (!offers(formats, wanted, w, h))
             std::fprintf(stderr, "camcap: note: the camera does not list %s at %dx%d; it delivers the nearest size\n",
@@ -186,6 +186,7 @@ int Session::chooseFormat(const QList<MediaFormat>& formats)
     }
     for (int codec : kNegotiationOrder) {
         if (offers(formats, codec, w, h)) {
+            m_captureCodec = codec;
             m_deliveredCodec = codec == CODEC_TYPE_MJPEG ? CODEC_TYPE_MJPEG : CODEC_TYPE_H264;
             m_delivered = codec == CODEC_TYPE_MJPEG || codec == CODEC_TYPE_H264
                               ? codecName(codec)
@@ -237,11 +238,15 @@ int Session::openOutput()
     return EXIT_OK;
 }
 
+// Why play failed, from camcap's own look at the camera, step by step as the element goes:
+// the node it opens, the format it asks for, and what is left: the capture buffers.
 int Session::classifyPlayFailure()
 {
-    if (m_log->contains("dev open failed"))
+    const CameraNode node;
+    if (!node.opened() || !node.canCapture())
         return EXIT_NO_CAMERA;
-    if (m_log->contains("set format failed"))
+    const CodecName* capture = codecEntry(m_captureCodec);
+    if (capture && node.setFormat(capture->fourcc, m_options.width, m_options.height) != 0)
         return EXIT_FORMAT_REFUSED;
     return EXIT_SETUP_FAILED;
 }

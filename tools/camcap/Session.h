@@ -60,6 +60,7 @@ private:
     QObject m_context;  // receives what the recorder and the signal handler post
     int m_codec = -1;            // codec asked of the element
     int m_deliveredCodec = -1;   // what the element will deliver, after negotiation
+    int m_captureCodec = -1;     // what it captures from the camera
     QString m_delivered;
     QJsonArray m_formats;
     std::unique_ptr<CameraNode> m_node;
