@@ -22,6 +22,8 @@ struct ImportCase {
     uint32_t index;
     int expected;
 };
+// Rows show by name in test listings, not as the bytes of the struct.
+std::ostream& operator<<(std::ostream& os, const ImportCase& c) { return os << c.name; }
 
 class QueueBuffer : public SimTest, public ::testing::WithParamInterface<ImportCase> {};
 

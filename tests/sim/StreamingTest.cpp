@@ -18,6 +18,8 @@ struct ContentCase {
     std::vector<uint8_t> head, tail; // the payload's first and last bytes
     uint32_t rawBytes;               // raw formats: the exact bytesused
 };
+// Rows show by name in test listings, not as the bytes of the struct.
+std::ostream& operator<<(std::ostream& os, const ContentCase& c) { return os << c.model; }
 
 class Content : public SimTest, public ::testing::WithParamInterface<ContentCase> {};
 

@@ -59,6 +59,8 @@ struct UnplugCase {
     Unplug how;
     int replugMs; // -1: the camera stays gone
 };
+// Rows show by name in test listings, not as the bytes of the struct.
+std::ostream& operator<<(std::ostream& os, const UnplugCase& c) { return os << c.name; }
 
 class Unplugged : public SimTest, public ::testing::WithParamInterface<UnplugCase> {};
 
@@ -190,6 +192,8 @@ struct StallCase {
     const char* name;
     Restart restart;
 };
+// Rows show by name in test listings, not as the bytes of the struct.
+std::ostream& operator<<(std::ostream& os, const StallCase& c) { return os << c.name; }
 
 class Stalled : public SimTest, public ::testing::WithParamInterface<StallCase> {};
 
