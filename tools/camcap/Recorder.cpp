@@ -100,6 +100,7 @@ void Recorder::deliver(const uint8_t* data, size_t size, int64_t timeUs)
     if (m_sink && !m_sink->write(frame))
         m_writeFailed = true;
     m_bytes += size;
+    m_recordedUntilUs = timeUs + m_intervalUs;
     const long long frames = ++m_frames;
     if (m_events.keyFrameEvery > 0 && frames % m_events.keyFrameEvery == 0 && m_events.keyFrameDue)
         m_events.keyFrameDue();

@@ -50,6 +50,9 @@ public:
     // Steady-clock microseconds of the first and latest frame; -1 before the first.
     int64_t firstFrameUs() const { return m_firstUs.load(); }
     int64_t lastFrameUs() const { return m_lastUs.load(); }
+    // Where the recorded frames end: the last one's time plus a frame interval; -1 before the
+    // first. What a file of them lasts, whenever the run is told to stop.
+    int64_t recordedUntilUs() const { return m_recordedUntilUs.load(); }
 
     static int64_t nowUs();
 
@@ -79,5 +82,6 @@ private:
     int m_outliers = 0;
     std::atomic<int64_t> m_firstUs{-1};
     std::atomic<int64_t> m_lastUs{-1};
+    std::atomic<int64_t> m_recordedUntilUs{-1};
     std::thread m_thread;
 };

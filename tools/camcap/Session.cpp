@@ -509,7 +509,7 @@ void Session::printSummary(int code)
         {QStringLiteral("height"), m_options.height},
         {QStringLiteral("frames"), m_recorder ? double(m_recorder->frames()) : 0.0},
         {QStringLiteral("bytes"), m_recorder ? double(m_recorder->bytes()) : 0.0},
-        {QStringLiteral("seconds"), first < 0 ? 0.0 : seconds(m_stopUs - first)},
+        {QStringLiteral("seconds"), first < 0 ? 0.0 : seconds(m_recorder->recordedUntilUs() - first)},
         {QStringLiteral("waits"), double(pin.lagging)},
         {QStringLiteral("drops"), double(pin.refused)},
         {QStringLiteral("files"), QJsonArray::fromStringList(m_files ? m_files->files() : QStringList())},
