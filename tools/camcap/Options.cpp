@@ -1,6 +1,7 @@
 #include "Options.h"
 
 #include <QRegularExpression>
+#include <cmath>
 
 
 namespace {
@@ -26,6 +27,9 @@ bool takeValue(const QStringList& args, int* i, QString* value, QString* error)
     return true;
 }
 
+// A time option: not negative, and short of what would overflow a count of microseconds.
+bool seconds(double value) { return std::isfinite(value) && value >= 0 && value <= 1e9; }
+
 // "500M", "2G", "1048576": bytes; -1 when malformed.
 long long parseSize(const QString& text)
 {
@@ -35,7 +39,8 @@ long long parseSize(const QString& text)
     const QString unit = m.captured(2).toUpper();
     const int shift = unit == QLatin1String("K") ? 10 : unit == QLatin1String("M") ? 20 : unit == QLatin1String("G") ? 30
                       : unit == QLatin1String("T") ? 40 : 0;
-    return static_cast<long long>(m.captured(1).toDouble() * double(1LL << shift));
+    const double bytes = m.captured(1).toDouble() * double(1LL << shift);
+    return bytes < 9e18 ? static_cast<long long>(bytes) : -1;
 }
 
 } // namespace
@@ -118,7 +123,7 @@ std::optional<Options> parseOptions(const QStringList& args, QString* error)
                 return std::nullopt;
             bool ok = false;
             o.durationSeconds = value.toDouble(&ok);
-            if (!ok || o.durationSeconds <= 0) {
+            if (!ok || !seconds(o.durationSeconds) || o.durationSeconds == 0) {
                 *error = QStringLiteral("bad duration '%1'").arg(value);
                 return std::nullopt;
             }
@@ -155,7 +160,7 @@ std::optional<Options> parseOptions(const QStringList& args, QString* error)
             bool ok = false;
             const double seconds = value.toDouble(&ok);
             const bool segment = name == QLatin1String("--segment");
-            if (!ok || seconds < 0 || (segment && seconds == 0)) {
+            if (!ok || !::seconds(seconds) || (segment && seconds == 0)) {
                 *error = QStringLiteral("bad %1 '%2'").arg(segment ? "segment length" : "stall timeout", value);
                 return std::nullopt;
             }
@@ -201,7 +206,7 @@ std::optional<Options> parseOptions(const QStringList& args, QString* error)
             const double seconds = next.toDouble(&ok);
             if (ok && !arg.contains(QLatin1Char('=')))
                 ++i;
-            if ((arg.contains(QLatin1Char('=')) && !ok) || (ok && seconds < 0)) {
+            if ((arg.contains(QLatin1Char('=')) && !ok) || (ok && !::seconds(seconds))) {
                 *error = QStringLiteral("bad reconnect wait '%1'").arg(next);
                 return std::nullopt;
             }
