@@ -2,6 +2,7 @@
 
 #include <QRegularExpression>
 #include <cmath>
+#include <limits>
 
 
 namespace {
@@ -24,6 +25,23 @@ bool takeValue(const QStringList& args, int* i, QString* value, QString* error)
         return false;
     }
     *value = args[++*i];
+    return true;
+}
+
+// A whole number above zero: --frames 300.
+template <typename T>
+bool takeCount(const QStringList& args, int* i, T* out, const char* what, QString* error)
+{
+    QString value;
+    if (!takeValue(args, i, &value, error))
+        return false;
+    bool ok = false;
+    const qlonglong n = value.toLongLong(&ok);
+    if (!ok || n <= 0 || n > std::numeric_limits<T>::max()) {
+        *error = QStringLiteral("bad %1 '%2'").arg(QLatin1String(what), value);
+        return false;
+    }
+    *out = T(n);
     return true;
 }
 
@@ -128,14 +146,8 @@ std::optional<Options> parseOptions(const QStringList& args, QString* error)
                 return std::nullopt;
             }
         } else if (name == QLatin1String("--frames")) {
-            if (!takeValue(args, &i, &value, error))
+            if (!takeCount(args, &i, &o.frames, "frame count", error))
                 return std::nullopt;
-            bool ok = false;
-            o.frames = value.toLongLong(&ok);
-            if (!ok || o.frames <= 0) {
-                *error = QStringLiteral("bad frame count '%1'").arg(value);
-                return std::nullopt;
-            }
         } else if (name == QLatin1String("--output") || name == QLatin1String("-o")) {
             if (!takeValue(args, &i, &o.output, error))
                 return std::nullopt;
@@ -146,14 +158,8 @@ std::optional<Options> parseOptions(const QStringList& args, QString* error)
             else if (i + 1 < args.size() && !args[i + 1].startsWith(QLatin1Char('-')))
                 o.simulateModel = args[++i];
         } else if (name == QLatin1String("--force-idr")) {
-            if (!takeValue(args, &i, &value, error))
+            if (!takeCount(args, &i, &o.forceIdrEvery, "key-frame interval", error))
                 return std::nullopt;
-            bool ok = false;
-            o.forceIdrEvery = value.toInt(&ok);
-            if (!ok || o.forceIdrEvery <= 0) {
-                *error = QStringLiteral("bad key-frame interval '%1'").arg(value);
-                return std::nullopt;
-            }
         } else if (name == QLatin1String("--stall-timeout") || name == QLatin1String("--segment")) {
             if (!takeValue(args, &i, &value, error))
                 return std::nullopt;
@@ -188,14 +194,8 @@ std::optional<Options> parseOptions(const QStringList& args, QString* error)
                 return std::nullopt;
             }
         } else if (name == QLatin1String("--max-files")) {
-            if (!takeValue(args, &i, &value, error))
+            if (!takeCount(args, &i, &o.maxFiles, "file count", error))
                 return std::nullopt;
-            bool ok = false;
-            o.maxFiles = value.toInt(&ok);
-            if (!ok || o.maxFiles <= 0) {
-                *error = QStringLiteral("bad file count '%1'").arg(value);
-                return std::nullopt;
-            }
         } else if (name == QLatin1String("--reconnect")) {
             o.reconnect = true;
             // The bound is optional: a number right after it, or "=S".
