@@ -41,9 +41,12 @@ Result runElement(uint32_t fourcc, int w, int h, double secondsPerRun)
     simcam::configure(model);
 
     V4LCameraCapturePlugin element;
-    element.m_format = fourcc;
-    element.m_width = w;
-    element.m_height = h;
+    // An H.264 request at a size the raw camera alone offers: negotiation picks its format.
+    MediaFormat request;
+    request.codecType = CODEC_TYPE_H264;
+    request.width = w;
+    request.height = h;
+    element.setAttribute(ATTR_CAM_SETFORMAT, QVariant::fromValue(request));
     Drain drain(element.getOutputPinList().first());
     const std::set<pid_t> before = threads();
     if (element.play() != 0)

@@ -47,17 +47,21 @@ V4LCameraCapturePlugin::~V4LCameraCapturePlugin()
 
     m_workThread->quit();
     m_workThread->wait();
+    // Ours alone, once their thread has stopped. The output pin is not ours to delete: it was
+    // made with this element as its owner, and a host that owns its pins deletes it itself.
     delete m_worker;
     delete m_workThread;
-    delete m_outputPin;
 
     // What a failed buffer setup left behind.
-    for (auto& frame : m_frames)
-        frame.reset();
-    Codec::MediaMem::destroy(m_mediaMem);
-    m_mediaMem = nullptr;
-    if (m_fd > 0)
+    v4l2_release_buffer();
+    closeDevice();
+}
+
+void V4LCameraCapturePlugin::closeDevice()
+{
+    if (m_fd >= 0)
         ::close(m_fd);
+    m_fd = -1;
 }
 
 QString V4LCameraCapturePlugin::getName() { return QStringLiteral("V4LCameraCapturePlugin"); }
@@ -200,8 +204,7 @@ int V4LCameraCapturePlugin::play()
     // buffers were made: no DMA-BUF descriptor may outlive a failed play.
     auto giveBack = [this] {
         v4l2_release_buffer();
-        ::close(m_fd);
-        m_fd = -1;
+        closeDevice();
         return -1;
     };
     if (v4l2_set_format() < 0) {
@@ -212,12 +215,13 @@ int V4LCameraCapturePlugin::play()
         ELEMENT_LOG(0, "%s:%d ERROR: v4l2_stream_on#v4l2_init_buffer() failed\n\n");
         return giveBack();
     }
-    // The run keeps the format it started with, whatever the host sets meanwhile.
-    const CaptureFormat* format = captureFormatOf(m_format);
+    // The run keeps the format, size and rate its buffers were made for, whatever the host
+    // sets meanwhile.
+    const RunFormat run = currentFormat();
     m_running = true;
-    m_captureThread = std::thread([this, format] {
+    m_captureThread = std::thread([this, run] {
         pthread_setname_np(pthread_self(), "cam-capture");
-        runCapture(format);
+        runCapture(run);
     });
     m_state = 3;
     return 0;
@@ -256,9 +260,7 @@ int V4LCameraCapturePlugin::stop()
         v4l2_stream_off();
         v4l2_release_buffer();
     }
-    if (m_fd > 0)
-        ::close(m_fd);
-    m_fd = -1;
+    closeDevice();
     m_state = 2;
     ELEMENT_LOG(2, "%s:%d INFO: v4l2 stop end\n");
     return 0;

@@ -37,6 +37,16 @@ int UvcExtenFuncSet(int fd, int selector, void* data, unsigned int size);
 int UvcExtenFuncGet(int fd, int selector, void* data, unsigned int size);
 }
 
+// Fixed by the host contract, to be kept even where they look odd: the class name, the
+// interface id, the three signals in their order, every contract and v4l2_ method name,
+// the field names and their order (m_fd to m_sendCond below), the class static
+// m_isStreaming, the function-local statics `ecount` and `offset`, the exported log_level,
+// enable_minilog, memcpy_neon and UvcExtenFunc*, and every quoted log text the element
+// shares with the host's logs, misspellings included ("alredy", "succed", "formate").
+// The project's own, free to change: SendBuffer's recycling of spent entries, the private
+// helpers (RunFormat, closeDevice, the read steps, the send-queue helpers), the members
+// after m_sendCond, the log lines added beside the fixed ones (reasons, refusals,
+// truncations, drops), and the capture format table (CaptureFormats.h).
 class V4LCameraCapturePlugin : public IMediaElement {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID "org.IMediaElement/1.0")
@@ -104,8 +114,6 @@ public:
     int v4l2_get_one_frame_yuv();
     void video_send_frame();
 
-    static bool m_isStreaming;
-
 signals:
     void empty();
     void sigSendFrame();
@@ -120,11 +128,22 @@ private:
     // The capture frame behind a dequeued buffer and how many of its bytes may be read;
     // null when the index has no frame.
     Codec::MediaFrame* capturedFrame(const v4l2_buffer& buf, uint32_t* bytes, const char* caller);
-    // The capture loop and its steps take the run's format, read once when the run begins,
-    // so the host may set the next one meanwhile.
+    // What one run captures with: play takes it once, so the host may set the next format
+    // meanwhile without the capture thread seeing it.
+    struct RunFormat {
+        const CaptureFormat* format = nullptr;
+        int width = 0;
+        int height = 0;
+        int rateNum = 30;
+        int rateDen = 1;
+    };
+    RunFormat currentFormat() const;
     int readCoded(const CaptureFormat* format);
-    void configureEncoder(const CaptureFormat* format);
-    void runCapture(const CaptureFormat* format);
+    void configureEncoder(const RunFormat& run);
+    void runCapture(const RunFormat& run);
+
+    // Closes the capture device if open; m_fd is -1 afterwards.
+    void closeDevice();
 
     // Send queue: append one frame and wake the sender; length; drop everything.
     void pushSendBuffer(const void* source, unsigned int length);
@@ -133,8 +152,10 @@ private:
     // Gives a sent or dropped entry's storage back for the next push.
     void recycle(std::unique_ptr<SendBuffer> entry);
 
-public:
-    // Fields, in this order; the capture loop, the sender and tests read them by name.
+    // Tests reach the fields through this one friend (tests/element/ElementProbe.h).
+    friend class ElementProbe;
+
+    // Fields, in this order.
     int m_fd = -1;
     std::array<std::shared_ptr<Codec::MediaFrame>, 4> m_frames;
     MediaOutputPin* m_outputPin = nullptr;
@@ -155,7 +176,9 @@ public:
     std::deque<std::unique_ptr<SendBuffer>> m_sendQueue;
     std::condition_variable m_sendCond;
 
-private:
+    // True while the driver streams; class-wide, so shared by every element in the process.
+    static bool m_isStreaming;
+
     std::thread m_senderThread;       // runs beside the capture thread, joined by it
     StopSignal m_stopSignal;          // cuts the capture thread's waits short on stop
     std::vector<std::unique_ptr<SendBuffer>> m_spareBuffers;  // guarded by m_sendMutex

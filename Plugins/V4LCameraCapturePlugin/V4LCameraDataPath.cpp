@@ -200,10 +200,17 @@ void V4LCameraCapturePlugin::video_send_frame()
 
 // ---- encoder path -------------------------------------------------------------------
 
-void V4LCameraCapturePlugin::initEncoder() { configureEncoder(captureFormatOf(m_format)); }
-
-void V4LCameraCapturePlugin::configureEncoder(const CaptureFormat* format)
+V4LCameraCapturePlugin::RunFormat V4LCameraCapturePlugin::currentFormat() const
 {
+    return RunFormat{captureFormatOf(m_format), m_width, m_height, m_frameRateNum, m_frameRateDen};
+}
+
+void V4LCameraCapturePlugin::initEncoder() { configureEncoder(currentFormat()); }
+
+// Configured from the run's own format: the size the capture buffers were made for.
+void V4LCameraCapturePlugin::configureEncoder(const RunFormat& run)
+{
+    const CaptureFormat* format = run.format;
     static const char* const name = "initEncoder";
     Logger::logger_printf(4, "%s:%d DEBUG: init encoder\n", name, __LINE__);
     m_encoder = Codec::MediaCodec::createEncoder(Codec::CODEC_H264);
@@ -214,14 +221,14 @@ void V4LCameraCapturePlugin::configureEncoder(const CaptureFormat* format)
     const bool raw = format && format->raw;
     if (raw)
         m_encoder->set(Codec::CONFIG_INPUT_FORMAT, unsigned(format->pictureFormat));
-    m_encoder->set(Codec::CONFIG_WIDTH, unsigned(m_width));
-    m_encoder->set(Codec::CONFIG_HEIGHT, unsigned(m_height));
-    m_encoder->set(Codec::CONFIG_HOR_STRIDE, unsigned((raw ? format->bytesPerPixel : 1) * m_width));
-    m_encoder->set(Codec::CONFIG_VER_STRIDE, unsigned(m_height));
-    m_encoder->set(Codec::CONFIG_INPUT_FPS_NUM, unsigned(m_frameRateNum));
-    m_encoder->set(Codec::CONFIG_INPUT_FPS_DEN, unsigned(m_frameRateDen));
-    m_encoder->set(Codec::CONFIG_OUTPUT_FPS_NUM, unsigned(m_frameRateNum));
-    m_encoder->set(Codec::CONFIG_OUTPUT_FPS_DEN, unsigned(m_frameRateDen));
+    m_encoder->set(Codec::CONFIG_WIDTH, unsigned(run.width));
+    m_encoder->set(Codec::CONFIG_HEIGHT, unsigned(run.height));
+    m_encoder->set(Codec::CONFIG_HOR_STRIDE, unsigned((raw ? format->bytesPerPixel : 1) * run.width));
+    m_encoder->set(Codec::CONFIG_VER_STRIDE, unsigned(run.height));
+    m_encoder->set(Codec::CONFIG_INPUT_FPS_NUM, unsigned(run.rateNum));
+    m_encoder->set(Codec::CONFIG_INPUT_FPS_DEN, unsigned(run.rateDen));
+    m_encoder->set(Codec::CONFIG_OUTPUT_FPS_NUM, unsigned(run.rateNum));
+    m_encoder->set(Codec::CONFIG_OUTPUT_FPS_DEN, unsigned(run.rateDen));
     m_encoder->set(Codec::CONFIG_GOP, kKeyFrameInterval);
     m_encoder->set(Codec::CONFIG_RATE_CONTROL, kRateControlOn);
     m_encoder->set(Codec::CONFIG_BITRATE, kBitRate);
@@ -257,10 +264,9 @@ int V4LCameraCapturePlugin::v4l2_get_one_frame_yuv()
         return -1;
     }
     std::unique_ptr<Codec::MediaPacket> packet = m_encoder->getPacket();
-    if (packet) {
-        if (packet->status == 0 && packet->buffer)
-            pushSendBuffer(packet->buffer->data, packet->buffer->length);
-        // A buffer is ours once received, whatever the status says.
+    // Only a packet with status 0 hands its buffer over; any other stays the encoder's.
+    if (packet && packet->status == 0 && packet->buffer) {
+        pushSendBuffer(packet->buffer->data, packet->buffer->length);
         delete packet->buffer;
     }
     return requeueBuffer(&buf, __func__) < 0 ? -1 : 0;
@@ -268,11 +274,11 @@ int V4LCameraCapturePlugin::v4l2_get_one_frame_yuv()
 
 // ---- capture loop -------------------------------------------------------------------
 
-void V4LCameraCapturePlugin::video_frame() { runCapture(captureFormatOf(m_format)); }
+void V4LCameraCapturePlugin::video_frame() { runCapture(currentFormat()); }
 
-// One run reads its format once: the host may set another meanwhile, for the next play.
-void V4LCameraCapturePlugin::runCapture(const CaptureFormat* format)
+void V4LCameraCapturePlugin::runCapture(const RunFormat& run)
 {
+    const CaptureFormat* format = run.format;
     static const char* const name = "video_frame";
     if (v4l2_stream_on() < 0) {
         Logger::logger_printf(2, "%s:%d INFO: V4LCameraCapturePlugin::video_frame 3!\n", name, __LINE__);
@@ -282,7 +288,7 @@ void V4LCameraCapturePlugin::runCapture(const CaptureFormat* format)
                           int(m_running.load()));
     const bool raw = format && format->raw;
     if (raw)
-        configureEncoder(format);
+        configureEncoder(run);
     m_senderThread = std::thread([this] {
         pthread_setname_np(pthread_self(), "cam-sender");
         video_send_frame();

@@ -147,8 +147,7 @@ QByteArray fourccText(uint32_t fourcc)
 int V4LCameraCapturePlugin::v4l2_dev_open()
 {
     // A descriptor still open from an earlier call would otherwise be lost.
-    if (m_fd >= 0)
-        ::close(m_fd);
+    closeDevice();
     const QString path = v4l2_node_name();
     m_fd = ::open(path.isEmpty() ? "/dev/video0" : path.toUtf8().constData(), O_RDWR | O_NONBLOCK);
     if (m_fd < 0) {
@@ -162,8 +161,7 @@ int V4LCameraCapturePlugin::v4l2_dev_open()
     if (canCapture(m_fd))
         return 0;
     ELEMENT_LOG(0, "%s:%d ERROR: Error: No capture video device!\n\n");
-    ::close(m_fd);
-    m_fd = -1;
+    closeDevice();
     return -1;
 }
 

@@ -32,7 +32,10 @@ constexpr std::chrono::seconds kDequeueFailurePause{3};
 // 0, or the driver's -errno.
 int xioctl(int fd, unsigned long request, void* arg) { return ioctl(fd, request, arg) < 0 ? -errno : 0; }
 
-int align16(int x) { return (x + 15) & ~15; }
+// Larger than any camera's picture side; a host value beyond it is refused, not allocated.
+constexpr int kMaxPictureSide = 8192;
+
+size_t align16(int x) { return (size_t(x) + 15) & ~size_t(15); }
 
 // Frames own their memory through the allocator; the deleter gives it back first.
 void deleteCaptureFrame(Codec::MediaFrame* frame)
@@ -68,6 +71,12 @@ int uvcExtensionQuery(int fd, int selector, void* data, unsigned int size, uint8
 
 int V4LCameraCapturePlugin::v4l2_init_buffer()
 {
+    if (m_width <= 0 || m_height <= 0 || m_width > kMaxPictureSide || m_height > kMaxPictureSide) {
+        ELEMENT_LOG(0, "%s:%d ERROR: capture size %dx%d refused\n\n", m_width, m_height);
+        return -1;
+    }
+    // Room for any raw layout (YUYV at two bytes a pixel) at the padded size.
+    const size_t frameBytes = 3 * align16(m_width) * align16(m_height);
     v4l2_requestbuffers req;
     std::memset(&req, 0, sizeof req);
     req.count = kSlots;
@@ -105,7 +114,7 @@ int V4LCameraCapturePlugin::v4l2_init_buffer()
                     int(buf.length));
 
         std::shared_ptr<Codec::MediaFrame> frame(new Codec::MediaFrame(), deleteCaptureFrame);
-        m_mediaMem->alloc(frame.get(), 3 * align16(m_width) * align16(m_height));
+        m_mediaMem->alloc(frame.get(), int(frameBytes));
         if (format && format->raw) {
             frame->format = uint64_t(format->pictureFormat);
             frame->horStride = uint32_t(format->bytesPerPixel * m_width);
@@ -130,9 +139,11 @@ int V4LCameraCapturePlugin::v4l2_init_buffer()
 
 void V4LCameraCapturePlugin::v4l2_release_buffer()
 {
+    // Frames before the allocator their memory came from.
     for (auto& frame : m_frames)
         frame.reset();
-    Codec::MediaMem::destroy(m_mediaMem);
+    if (m_mediaMem)
+        Codec::MediaMem::destroy(m_mediaMem);
     m_mediaMem = nullptr;
 }
 

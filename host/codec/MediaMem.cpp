@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -15,9 +16,10 @@
 
 namespace Codec {
 
-// What alloc attached to a buffer: the descriptor and the CPU mapping.
+// What alloc attached to a buffer: the descriptor and the CPU mapping, and which allocator
+// (by serial, so a later allocator at the same address is not mistaken for it).
 struct MemoryBlock {
-    const MediaMem* owner = nullptr;
+    uint64_t owner = 0;
     MappedDmaBuf memory;
 };
 
@@ -38,52 +40,86 @@ DmaBufChooser& chooser()
     return instance;
 }
 
-// Buffers each live allocator has attached memory to. Freeing a buffer after its allocator
-// is gone is a use after free in a real codec library; here it is reported.
-std::mutex g_attachedMutex;
-std::unordered_map<const MediaMem*, int> g_attached;
-
-void countAttached(const MediaMem* owner, int delta)
+// A real codec library does not survive these: a null or twice-destroyed allocator, a buffer
+// freed twice or after its allocator. The stand-in stops the process where the real one
+// would corrupt it.
+[[noreturn]] void refuse(const char* what, const void* object)
 {
-    std::lock_guard<std::mutex> lock(g_attachedMutex);
-    auto it = g_attached.find(owner);
-    if (it == g_attached.end()) {
-        if (delta < 0)
-            Logger::logger_printf(0, "%s:%d ERROR: MediaMem free after its allocator was destroyed\n", "MediaMem",
-                                  __LINE__);
-        else
-            g_attached[owner] = delta;
-        return;
+    std::fprintf(stderr, "MediaMem: %s (%p)\n", what, object);
+    std::fflush(stderr);
+    std::abort();
+}
+
+// Live allocators by serial, with how many buffers each has memory attached to. Never
+// destroyed: frames may be freed during the process's exit.
+struct Allocators {
+    std::mutex mutex;
+    std::unordered_map<uint64_t, int> live;
+    std::unordered_map<const MediaMem*, uint64_t> serials;  // by address, so a dead one is not read
+    uint64_t nextSerial = 1;
+};
+Allocators& allocators()
+{
+    static Allocators* instance = new Allocators;
+    return *instance;
+}
+
+// Gives back what alloc attached, without the checks of a caller's free.
+void release(MediaBuffer* buffer)
+{
+    if (buffer->block) {
+        std::lock_guard<std::mutex> lock(allocators().mutex);
+        auto it = allocators().live.find(buffer->block->owner);
+        if (it == allocators().live.end())
+            refuse("buffer freed after its allocator was destroyed", buffer);
+        --it->second;
     }
-    it->second += delta;
+    delete buffer->block;
+    buffer->block = nullptr;
+    buffer->data = nullptr;
+    buffer->fd = -1;
+    buffer->size = 0;
 }
 
 } // namespace
+
+MediaMem::MediaMem(MediaBufferType type) : m_type(type)
+{
+    std::lock_guard<std::mutex> lock(allocators().mutex);
+    m_serial = allocators().nextSerial++;
+    allocators().live.emplace(m_serial, 0);
+    allocators().serials[this] = m_serial;
+}
 
 MediaMem* MediaMem::create(MediaBufferType type) { return new MediaMem(type); }
 
 void MediaMem::destroy(MediaMem* mem)
 {
     if (!mem)
-        return;
+        refuse("destroy of a null allocator", mem);
     {
-        std::lock_guard<std::mutex> lock(g_attachedMutex);
-        auto it = g_attached.find(mem);
-        if (it != g_attached.end()) {
-            if (it->second > 0)
-                Logger::logger_printf(0, "%s:%d ERROR: MediaMem destroyed with %d buffers still attached\n",
-                                      "MediaMem", __LINE__, it->second);
-            g_attached.erase(it);
-        }
+        std::lock_guard<std::mutex> lock(allocators().mutex);
+        auto known = allocators().serials.find(mem);
+        if (known == allocators().serials.end())
+            refuse("allocator destroyed twice", mem);
+        auto it = allocators().live.find(known->second);
+        allocators().serials.erase(known);
+        if (it->second > 0)
+            Logger::logger_printf(0, "%s:%d ERROR: MediaMem destroyed with %d buffers still attached\n",
+                                  "MediaMem", __LINE__, it->second);
+        allocators().live.erase(it);
     }
     delete mem;
 }
 
 int MediaMem::alloc(MediaBuffer* buffer, int bytes)
 {
-    if (!buffer || bytes <= 0)
+    if (!buffer)
         return -1;
-    free(buffer);
+    release(buffer);
+    buffer->memory = MediaBuffer::Memory::Failed;
+    if (bytes <= 0)
+        return -1;
     const size_t mapLength = pageRound(size_t(bytes));
     auto block = std::make_unique<MemoryBlock>();
 
@@ -110,9 +146,13 @@ int MediaMem::alloc(MediaBuffer* buffer, int bytes)
     buffer->data = block->memory.map;
     buffer->fd = block->memory.fd.get();
     buffer->size = uint32_t(bytes);
-    block->owner = this;
-    countAttached(this, 1);
+    block->owner = m_serial;
+    {
+        std::lock_guard<std::mutex> lock(allocators().mutex);
+        ++allocators().live[m_serial];
+    }
     buffer->block = block.release();
+    buffer->memory = MediaBuffer::Memory::Attached;
     return 0;
 }
 
@@ -120,13 +160,12 @@ void MediaMem::free(MediaBuffer* buffer)
 {
     if (!buffer)
         return;
-    if (buffer->block)
-        countAttached(buffer->block->owner, -1);
-    delete buffer->block;
-    buffer->block = nullptr;
-    buffer->data = nullptr;
-    buffer->fd = -1;
-    buffer->size = 0;
+    if (buffer->memory == MediaBuffer::Memory::Freed)
+        refuse("buffer freed twice", buffer);
+    release(buffer);
+    // A buffer alloc never saw stays free to be freed (or allocated) later.
+    if (buffer->memory != MediaBuffer::Memory::None)
+        buffer->memory = MediaBuffer::Memory::Freed;
 }
 
 const char* MediaMem::dmaSourceName()

@@ -58,11 +58,20 @@ private:
     IMediaElement* m_owner;
 };
 
+// An output pin made with an owner belongs to the session: it is deleted when its owner is
+// destroyed (after the owner's own destructor has run). Anyone else deleting it leaves the
+// session a double delete, which this library answers with an abort, as it does a second
+// delete of any pin.
+enum class PinFate { Alive, DeletedByOwner, DeletedByOther, Unknown };
+
 class MediaOutputPin {
 public:
     MediaOutputPin(MajorType major, MinorType minor, MediaCodecType codec, MediaRawType raw,
                    IMediaElement* owner);
     ~MediaOutputPin();
+
+    // What became of the pin made at this address most recently.
+    static PinFate fate(const MediaOutputPin* pin);
     MediaOutputPin(const MediaOutputPin&) = delete;
     MediaOutputPin& operator=(const MediaOutputPin&) = delete;
 
@@ -96,6 +105,7 @@ private:
     MediaCodecType m_codec;
     MediaRawType m_raw;
     IMediaElement* m_owner;
+    uint64_t m_serial;
     mutable std::mutex m_mutex;  // guards m_connection and m_hook
     std::shared_ptr<PinConnection> m_connection;
     DequeueHook m_hook;

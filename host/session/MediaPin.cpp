@@ -3,8 +3,12 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <unordered_map>
 #include <vector>
 
+#include "IMediaElement.h"
 #include "Logger.h"
 #include "Ring.h"
 
@@ -155,13 +159,81 @@ void MediaInputPin::release(MediaFrame* frame) { m_connection->release(frame); }
 void MediaInputPin::close() { m_connection->close(); }
 unsigned int MediaInputPin::frameCapacity() const { return m_connection->capacity(); }
 
+namespace {
+
+// Every output pin by address, with the serial of the one made there last and its fate.
+struct PinRecord {
+    uint64_t serial = 0;
+    PinFate fate = PinFate::Alive;
+};
+// Never destroyed: hosts delete elements (and so their pins) during the process's exit.
+struct PinRegistry {
+    std::mutex mutex;
+    std::unordered_map<const MediaOutputPin*, PinRecord> pins;
+    uint64_t nextSerial = 1;
+};
+PinRegistry& registry()
+{
+    static PinRegistry* instance = new PinRegistry;
+    return *instance;
+}
+thread_local bool t_ownerDeleting = false;
+
+[[noreturn]] void pinDeletedTwice(const MediaOutputPin* pin, PinFate first)
+{
+    std::fprintf(stderr, "MediaOutputPin: pin %p deleted twice (first by %s)\n", static_cast<const void*>(pin),
+                 first == PinFate::DeletedByOwner ? "its owner" : "someone other than its owner");
+    std::fflush(stderr);
+    std::abort();
+}
+
+// The session's delete of a pin whose owner has gone.
+void deleteOwnedPin(MediaOutputPin* pin, uint64_t serial)
+{
+    {
+        std::lock_guard<std::mutex> lock(registry().mutex);
+        const PinRecord& record = registry().pins[pin];
+        if (record.serial != serial || record.fate != PinFate::Alive)
+            pinDeletedTwice(pin, record.serial == serial ? record.fate : PinFate::DeletedByOther);
+    }
+    t_ownerDeleting = true;
+    delete pin;
+    t_ownerDeleting = false;
+}
+
+} // namespace
+
 MediaOutputPin::MediaOutputPin(MajorType major, MinorType minor, MediaCodecType codec,
                                MediaRawType raw, IMediaElement* owner)
     : m_major(major), m_minor(minor), m_codec(codec), m_raw(raw), m_owner(owner)
 {
+    {
+        std::lock_guard<std::mutex> lock(registry().mutex);
+        m_serial = registry().nextSerial++;
+        registry().pins[this] = PinRecord{m_serial, PinFate::Alive};
+    }
+    if (owner) {
+        // Without a context object the call is direct, on the thread deleting the owner.
+        QObject::connect(owner, &QObject::destroyed, [pin = this, serial = m_serial] { deleteOwnedPin(pin, serial); });
+    }
 }
 
-MediaOutputPin::~MediaOutputPin() = default;
+MediaOutputPin::~MediaOutputPin()
+{
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    // Only the address is looked at before the record says the pin is alive.
+    PinRecord& record = registry().pins[this];
+    if (record.fate != PinFate::Alive)
+        pinDeletedTwice(this, record.fate);
+    record.fate = t_ownerDeleting ? PinFate::DeletedByOwner : PinFate::DeletedByOther;
+}
+
+PinFate MediaOutputPin::fate(const MediaOutputPin* pin)
+{
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    auto it = registry().pins.find(pin);
+    return it == registry().pins.end() ? PinFate::Unknown : it->second.fate;
+}
 
 std::shared_ptr<PinConnection> MediaOutputPin::connection() const
 {

@@ -302,4 +302,36 @@ TEST(H264Encoder, StreamStartsAtConfigureAndAgainAfterReset)
     }
 }
 
+// A packet buffer handed over with status 0 is the receiver's to delete; one that comes with
+// any other status stays the encoder's, whichever encoder the library made.
+TEST(EncoderDeathTest, BufferOfAFailedPacketStaysTheEncoders)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    struct Answering : Codec::Encoder {
+        int set(Codec::Configure, unsigned) override { return 0; }
+        int configure() override { return 0; }
+        int putFrame(Codec::MediaFrame*) override { return 0; }
+        std::unique_ptr<Codec::MediaPacket> getPacket() override
+        {
+            auto packet = std::make_unique<Codec::MediaPacket>();
+            packet->status = status++;
+            packet->buffer = new Codec::MediaBuffer();
+            return packet;
+        }
+        int reset() override { return 0; }
+        int status = 0;
+    };
+    Codec::MediaCodec::setEncoderFactory([](Codec::CodecType) { return new Answering(); });
+    const std::unique_ptr<E> encoder(Codec::MediaCodec::createEncoder(Codec::CODEC_H264));
+    Codec::MediaCodec::setEncoderFactory({});
+    ASSERT_NE(encoder, nullptr);
+    delete encoder->getPacket()->buffer;  // status 0: ours
+    const std::unique_ptr<Codec::MediaPacket> failed = encoder->getPacket();
+    ASSERT_EQ(failed->status, 1);
+    ASSERT_NE(failed->buffer, nullptr);
+    EXPECT_DEATH(delete failed->buffer, "deleted while the encoder keeps it");
+    encoder->getPacket();  // the encoder frees what it kept
+}
+
 } // namespace
+

@@ -119,7 +119,7 @@ TEST_F(Acquisition, EmptyBuffersAndRawFormatsQueueNothing)
 {
     stream(kH264, {kIdr}, "empty=1");
     EXPECT_EQ(element->v4l2_get_one_frame2(), 0);
-    element->m_format = kNV12;  // misuse: raw formats belong to the encoder path
+    probe.setCapture(kNV12, 640, 480);  // misuse: raw formats belong to the encoder path
     simcam::setFaults({}, "video0");
     EXPECT_EQ(element->v4l2_get_one_frame2(), 0);
     EXPECT_TRUE(queued().empty());
@@ -134,7 +134,7 @@ TEST_F(Acquisition, ByteCountBeyondTheBufferIsNeverReadPastItsEnd)
     EXPECT_EQ(element->v4l2_get_one_frame2(), 0);
     const auto entries = queued();
     ASSERT_EQ(entries.size(), 1u);
-    EXPECT_EQ(entries[0].size(), element->m_frames[0]->size);
+    EXPECT_EQ(entries[0].size(), probe.frame(0)->size);
     EXPECT_TRUE(log.contains("exceeds buffer", 1));
 }
 
@@ -146,7 +146,7 @@ TEST_P(MissingFrame, IsNotRead)
 {
     const int index = GetParam();
     stream(kH264, {kIdr}, "badindex=" + std::to_string(index));
-    element->m_frames[0].reset();
+    probe.dropFrame(0);
     EXPECT_EQ(element->v4l2_get_one_frame2(), -1);
     EXPECT_TRUE(queued().empty());
 }
@@ -216,7 +216,7 @@ TEST_F(Acquisition, ExtensionUnitControlsRoundTrip)
 {
     useCamera(kH264);
     ASSERT_EQ(element->v4l2_dev_open(), 0);
-    const int fd = element->m_fd;
+    const int fd = probe.fd();
     uint8_t in[3] = {1, 2, 3};
     EXPECT_EQ(UvcExtenFuncSet(fd, 0x105, in, 3), 0);  // selector cut to 8 bits: 5
     EXPECT_EQ(simcam::extensionControl(0, 5), Bytes({1, 2, 3}));
@@ -236,7 +236,7 @@ TEST_F(Acquisition, ExtensionUnitControlsRoundTrip)
 
     simcam::configure(camera(kH264, "xu=0"));
     ASSERT_EQ(element->v4l2_dev_open(), 0);
-    EXPECT_EQ(UvcExtenFuncGet(element->m_fd, 5, out, 3), -1);
+    EXPECT_EQ(UvcExtenFuncGet(probe.fd(), 5, out, 3), -1);
 }
 
 } // namespace

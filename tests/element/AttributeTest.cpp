@@ -29,9 +29,8 @@ TEST_P(Negotiation, FirstPreferredFormatAtTheRequestedSize)
 {
     useCamera(simcam::parseModel(GetParam().offered), kHEVC, 1, 1);  // HEVC marks "unchanged"
     EXPECT_EQ(setFormat(6, 1280, 720), 0);
-    EXPECT_EQ(element->m_format, GetParam().expected);
-    EXPECT_EQ(element->m_width, 1280);
-    EXPECT_EQ(element->m_height, 720);
+    EXPECT_EQ(probe.format(), GetParam().expected);
+    EXPECT_EQ(probe.size(), std::pair(1280, 720));
     EXPECT_EQ(simcam::stats().openDescriptors, 0);  // the probe descriptor is closed again
 }
 
@@ -56,7 +55,7 @@ TEST_P(DirectFormat, OtherCodecsSetTheFormatWithoutOpeningTheCamera)
 {
     useCamera(camera(kYUYV), kMJPG);
     EXPECT_EQ(setFormat(GetParam().codec, 640, 480), 0);
-    EXPECT_EQ(element->m_format, GetParam().expected);
+    EXPECT_EQ(probe.format(), GetParam().expected);
     EXPECT_TRUE(simcam::stats().opens.empty());
 }
 
@@ -68,7 +67,7 @@ TEST_F(Attributes, NoCameraLeavesTheFormatAndListsNothing)
 {
     useCamera(camera(kH264, "open=ENOENT"), kMJPG);
     EXPECT_EQ(setFormat(6, 640, 480), 0);
-    EXPECT_EQ(element->m_format, kMJPG);
+    EXPECT_EQ(probe.format(), kMJPG);
     const QVariant list = element->getAttribute(ATTR_CAM_FORMATLIST);
     EXPECT_TRUE(list.isValid());
     EXPECT_TRUE(list.value<QList<MediaFormat>>().isEmpty());

@@ -12,11 +12,11 @@ using namespace testsupport;
 
 class Buffers : public SimElementTest {};
 
-int filledSlots(const V4LCameraCapturePlugin& e)
+int filledSlots(const ElementProbe& probe)
 {
     int n = 0;
-    for (const auto& frame : e.m_frames)
-        n += frame != nullptr;
+    for (size_t i = 0; i < 4; ++i)
+        n += probe.frame(i) != nullptr;
     return n;
 }
 
@@ -28,14 +28,14 @@ TEST_P(Grant, FillsAndQueuesNoMoreThanFourSlots)
     const auto [granted, filled] = GetParam();
     useCamera(kH264, "grant=" + std::to_string(granted));
     prepare();
-    EXPECT_EQ(filledSlots(*element), filled);
+    EXPECT_EQ(filledSlots(probe), filled);
     EXPECT_EQ(simcam::stats().ioctlCount(VIDIOC_QBUF), uint64_t(filled));
     EXPECT_EQ(simcam::stats().buffersQueued, filled);
-    EXPECT_NE(element->m_mediaMem, nullptr);
+    EXPECT_TRUE(probe.hasAllocator());
 
     element->v4l2_release_buffer();
-    EXPECT_EQ(filledSlots(*element), 0);
-    EXPECT_EQ(element->m_mediaMem, nullptr);
+    EXPECT_EQ(filledSlots(probe), 0);
+    EXPECT_FALSE(probe.hasAllocator());
 }
 
 INSTANTIATE_TEST_SUITE_P(Counts, Grant, testing::Values(std::pair(0, 0), std::pair(2, 2), std::pair(8, 4)));
@@ -55,7 +55,8 @@ TEST_P(Layout, SizeStridesAndFormatFollowTheCaptureFormat)
     const LayoutCase& c = GetParam();
     useCamera(c.fourcc, "", c.width, c.height);
     prepare();
-    for (const auto& frame : element->m_frames) {
+    for (size_t i = 0; i < 4; ++i) {
+        const Codec::MediaFrame* frame = probe.frame(i);
         ASSERT_NE(frame, nullptr);
         EXPECT_TRUE(frame->fd >= 0 && frame->data != nullptr);
         EXPECT_EQ(std::tuple(frame->size, frame->width, frame->height, frame->horStride, frame->verStride, frame->format),
@@ -68,6 +69,24 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(LayoutCase{kYUYV, 640, 480, 921600, 1280, Codec::PIXEL_FORMAT_YUYV},
                     LayoutCase{kNV12, 1920, 1080, 6266880, 1920, Codec::PIXEL_FORMAT_NV12},  // 1080 rows align to 1088
                     LayoutCase{kMJPG, 642, 362, 3 * 656 * 368, 0, 0}));
+
+// A size no camera has never reaches the driver or the allocator (whose byte count is an
+// int): the setup is refused first.
+TEST_F(Buffers, SizeNoCameraHasIsRefusedBeforeTheDriver)
+{
+    useCamera(kH264);
+    ASSERT_EQ(element->v4l2_dev_open(), 0);
+    ASSERT_EQ(element->v4l2_set_format(), 0);
+    for (const auto& [w, h] : {std::pair(0, 480), std::pair(640, -2), std::pair(8193, 480), std::pair(640, 60000)}) {
+        probe.setCapture(kH264, w, h);
+        EXPECT_EQ(element->v4l2_init_buffer(), -1) << w << "x" << h;
+        EXPECT_TRUE(log.contains("capture size " + std::to_string(w) + "x" + std::to_string(h) + " refused", 0));
+    }
+    EXPECT_EQ(simcam::stats().ioctlCount(VIDIOC_REQBUFS), 0u);
+    EXPECT_FALSE(probe.hasAllocator());
+    probe.setCapture(kH264, 8192, 64);  // the largest side a camera may have
+    EXPECT_EQ(element->v4l2_init_buffer(), 0);
+}
 
 struct SetupFailure {
     const char* name;
@@ -86,16 +105,16 @@ TEST_P(SetupFails, LeavesWhatItMadeForReleaseToFree)
     ASSERT_EQ(element->v4l2_set_format(), 0);
     EXPECT_EQ(element->v4l2_init_buffer(), -1);
     EXPECT_TRUE(log.contains(GetParam().message, 0));
-    EXPECT_EQ(filledSlots(*element), GetParam().filledLeft);
-    EXPECT_EQ(element->m_mediaMem != nullptr, GetParam().allocator);
+    EXPECT_EQ(filledSlots(probe), GetParam().filledLeft);
+    EXPECT_EQ(probe.hasAllocator(), GetParam().allocator);
 
     // A second setup replaces what the first left, frames before their allocator (the
     // codec library reports the opposite order), then release frees all of it.
     simcam::setFaults({}, "video0");
     EXPECT_EQ(element->v4l2_init_buffer(), 0);
-    EXPECT_EQ(filledSlots(*element), 4);
+    EXPECT_EQ(filledSlots(probe), 4);
     element->v4l2_release_buffer();
-    EXPECT_EQ(filledSlots(*element), 0);
+    EXPECT_EQ(filledSlots(probe), 0);
     EXPECT_FALSE(log.contains("still attached"));
     EXPECT_FALSE(log.contains("after its allocator"));
 }
@@ -114,31 +133,31 @@ TEST_F(Buffers, StreamingFlagIsSharedAndStreamOffAlwaysSucceeds)
     useCamera(kH264);
     prepare();
     EXPECT_EQ(element->v4l2_stream_on(), 0);
-    EXPECT_TRUE(V4LCameraCapturePlugin::m_isStreaming);
+    EXPECT_TRUE(ElementProbe::streaming());
     EXPECT_TRUE(log.contains("open stream succed", 2));
     V4LCameraCapturePlugin other;
-    other.m_fd = element->m_fd;
+    ElementProbe(other).fd() = probe.fd();
     EXPECT_EQ(other.v4l2_stream_on(), 0);
     EXPECT_TRUE(log.contains("v4l2_stream_on#m_isStreaming() true", 0));
     EXPECT_EQ(simcam::stats().ioctlCount(VIDIOC_STREAMON), 1u);
-    other.m_fd = -1;
+    ElementProbe(other).fd() = -1;
     EXPECT_EQ(element->v4l2_stream_off(), 0);
-    EXPECT_FALSE(V4LCameraCapturePlugin::m_isStreaming);
+    EXPECT_FALSE(ElementProbe::streaming());
     EXPECT_FALSE(simcam::stats().streaming());
 
     simcam::modifyFaults([](simcam::Faults& f) { f.streamonErrno = EIO; }, "video0");
     EXPECT_EQ(element->v4l2_stream_on(), -1);
-    EXPECT_FALSE(V4LCameraCapturePlugin::m_isStreaming);
+    EXPECT_FALSE(ElementProbe::streaming());
     EXPECT_TRUE(log.contains("v4l2_stream_on#open stream failed", 0));
     EXPECT_EQ(element->v4l2_stream_off(), 0);  // not streaming
     EXPECT_EQ(simcam::stats().ioctlCount(VIDIOC_STREAMOFF), 2u);
 
-    V4LCameraCapturePlugin::m_isStreaming = true;
-    const int fd = std::exchange(element->m_fd, -1);  // the driver refuses
+    ElementProbe::streaming() = true;
+    const int fd = std::exchange(probe.fd(), -1);  // the driver refuses
     EXPECT_EQ(element->v4l2_stream_off(), 0);
-    EXPECT_FALSE(V4LCameraCapturePlugin::m_isStreaming);
+    EXPECT_FALSE(ElementProbe::streaming());
     EXPECT_TRUE(log.contains("off stream failed", 0));
-    element->m_fd = fd;
+    probe.fd() = fd;
 }
 
 } // namespace

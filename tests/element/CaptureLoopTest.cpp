@@ -4,6 +4,7 @@
 #include <linux/videodev2.h>
 
 #include <cerrno>
+#include <future>
 
 #include "Formats.h"
 #include "ScriptedEncoder.h"
@@ -73,11 +74,11 @@ TEST_F(CaptureLoop, EncoderLivesForExactlyOneRawRunWhateverIsSetMeanwhile)
     rawCamera(kYUYV);
     ASSERT_EQ(element->play(), 0);
     ASSERT_TRUE(waitForPuts(1));
-    EXPECT_NE(element->m_encoder, nullptr);
+    EXPECT_TRUE(probe.hasEncoder());
     element->activeOutPin(nullptr, videoFormat(CODEC_TYPE_H264, 320, 240));
     ASSERT_TRUE(waitForPuts(encoder.script->framesPut + 2));
     element->stop();
-    EXPECT_EQ(element->m_encoder, nullptr);
+    EXPECT_FALSE(probe.hasEncoder());
     EXPECT_EQ(encoder.script->created, 1);
     EXPECT_EQ(encoder.script->resets, 1);
     EXPECT_EQ(encoder.script->destroyed, 1);
@@ -90,6 +91,29 @@ TEST_F(CaptureLoop, EncoderLivesForExactlyOneRawRunWhateverIsSetMeanwhile)
     EXPECT_EQ(encoder.script->created, 1);  // compressed cameras need none
     EXPECT_EQ(gotFrame, 2);
     EXPECT_EQ(log.count("video_frame v4l2_get_one_frame2 got a frame!", 2), 2);
+}
+
+// The host sets the next size the moment play returns; the encoder, made on the capture
+// thread only once that is done, is still configured for the buffers this run made.
+TEST_F(CaptureLoop, SizeSetRightAfterPlayReachesOnlyTheNextRun)
+{
+    std::promise<void> sizeSet;
+    std::shared_future<void> sizeSetSeen = sizeSet.get_future().share();
+    auto script = encoder.script;
+    Codec::MediaCodec::setEncoderFactory([script, sizeSetSeen](Codec::CodecType) -> Codec::Encoder* {
+        sizeSetSeen.wait_for(std::chrono::seconds(10));
+        return new ScriptedEncoder(script);
+    });
+    rawCamera(kYUYV);
+    ASSERT_EQ(element->play(), 0);
+    element->activeOutPin(nullptr, videoFormat(CODEC_TYPE_H264, 1280, 720));
+    sizeSet.set_value();
+    ASSERT_TRUE(waitForPuts(2));
+    element->stop();
+    const std::vector<std::pair<int, unsigned>> size(encoder.script->settings.begin() + 1,
+                                                     encoder.script->settings.begin() + 5);
+    EXPECT_EQ(size, (std::vector<std::pair<int, unsigned>>{{6, 320}, {7, 240}, {8, 640}, {9, 240}}));
+    EXPECT_EQ(log.count("WARN: encode frame failed", 1), 0);
 }
 
 TEST_F(CaptureLoop, UnknownFormatFailsEveryPassWithoutTouchingTheDevice)
@@ -110,7 +134,7 @@ TEST_F(CaptureLoop, WithoutAnEncoderRawPassesFailUntilQuit)
     ASSERT_EQ(element->play(), 0);
     EXPECT_TRUE(waitForQuit());
     element->stop();
-    EXPECT_EQ(element->m_encoder, nullptr);
+    EXPECT_FALSE(probe.hasEncoder());
     EXPECT_EQ(gotFrame, 0);
 }
 

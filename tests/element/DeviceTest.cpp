@@ -39,16 +39,16 @@ TEST_F(Device, OpenFormsUseTheirOwnFlagsAndKeepTheirOwnDescriptor)
 {
     useCamera(kH264);
     ASSERT_EQ(element->v4l2_dev_open(), 0);
-    EXPECT_GT(element->m_fd, 0);
+    EXPECT_GT(probe.fd(), 0);
     EXPECT_TRUE(log.contains("INFO: open camera success", 2));
-    const int captureFd = element->m_fd;
+    const int captureFd = probe.fd();
 
-    int probe = -1;
-    ASSERT_EQ(element->v4l2_dev_open(&probe), 0);
-    EXPECT_GE(probe, 0);
-    EXPECT_NE(probe, captureFd);
-    EXPECT_EQ(element->m_fd, captureFd);  // a probe never touches the capture descriptor
-    ::close(probe);
+    int probeFd = -1;
+    ASSERT_EQ(element->v4l2_dev_open(&probeFd), 0);
+    EXPECT_GE(probeFd, 0);
+    EXPECT_NE(probeFd, captureFd);
+    EXPECT_EQ(probe.fd(), captureFd);  // a probe never touches the capture descriptor
+    ::close(probeFd);
 
     const auto opens = simcam::stats().opens;
     ASSERT_EQ(opens.size(), 2u);
@@ -75,11 +75,11 @@ class OpenFails : public Device, public testing::WithParamInterface<OpenCase> {}
 TEST_P(OpenFails, LeavesNothingOpen)
 {
     useCamera(kH264, GetParam().fault);
-    int probe = 7;
-    EXPECT_EQ(element->v4l2_dev_open(&probe), -1);
-    EXPECT_EQ(probe, -1);
+    int probeFd = 7;
+    EXPECT_EQ(element->v4l2_dev_open(&probeFd), -1);
+    EXPECT_EQ(probeFd, -1);
     EXPECT_EQ(element->v4l2_dev_open(), -1);
-    EXPECT_EQ(element->m_fd, -1);
+    EXPECT_EQ(probe.fd(), -1);
     EXPECT_TRUE(log.contains(GetParam().line, 0));
     EXPECT_EQ(simcam::stats().openDescriptors, 0);
     EXPECT_TRUE(simcam::stats().resets.empty());  // queued, not run yet
@@ -174,14 +174,14 @@ TEST_F(Device, AdjustedSizeKeepsTheRequestAndTheIntervalIsReadBackOrLeftAlone)
     useCamera(camera(kMJPG, "fps=25", 1280, 720), kMJPG, 1920, 1080);
     ASSERT_EQ(element->v4l2_dev_open(), 0);
     EXPECT_EQ(element->v4l2_set_format(), 0);
-    EXPECT_EQ(std::tuple(element->m_width, element->m_height, element->m_frameRateNum, element->m_frameRateDen),
-              std::tuple(1920, 1080, 25, 1));
+    EXPECT_EQ(probe.size(), std::pair(1920, 1080));
+    EXPECT_EQ(probe.frameRate(), std::pair(25, 1));
 
+    simcam::configure(camera(kMJPG, "fps=15", 1280, 720));
     simcam::modifyFaults([](simcam::Faults& f) { f.parmErrno = EINVAL; }, "video0");
-    element->m_frameRateNum = 7;
-    element->m_frameRateDen = 3;
+    ASSERT_EQ(element->v4l2_dev_open(), 0);
     EXPECT_EQ(element->v4l2_set_format(), 0);
-    EXPECT_EQ(std::pair(element->m_frameRateNum, element->m_frameRateDen), std::pair(7, 3));
+    EXPECT_EQ(probe.frameRate(), std::pair(25, 1));  // not the camera's 15
 }
 
 TEST_F(Device, FifthConsecutiveRefusalQueuesExactlyOneReset)

@@ -6,10 +6,11 @@
 #include <sys/select.h>
 
 #include <chrono>
+#include <memory>
 
 #include "Formats.h"
 #include "Logger.h"
-#include "V4LCameraCapturePlugin.h"
+#include "ElementProbe.h"
 
 namespace {
 
@@ -24,14 +25,14 @@ class ElementOutPin : public testing::TestWithParam<OutPinCase> {};
 TEST_P(ElementOutPin, TakesSizeAlwaysAndFormatWhenAccepted)
 {
     V4LCameraCapturePlugin e;
+    ElementProbe probe(e);
     LogCapture log;
-    e.m_format = V4L2_PIX_FMT_MJPEG;
+    probe.setCapture(V4L2_PIX_FMT_MJPEG, 0, 0);
     EXPECT_EQ(e.activeOutPin(nullptr, videoFormat(GetParam().codec, 1280, 720)), GetParam().result);
     EXPECT_EQ(e.activeOutPin(e.getOutputPinList().first(), videoFormat(GetParam().codec, 1280, 720)),
               GetParam().result);
-    EXPECT_EQ(e.m_width, 1280);
-    EXPECT_EQ(e.m_height, 720);
-    EXPECT_EQ(e.m_format, GetParam().format);
+    EXPECT_EQ(probe.size(), std::pair(1280, 720));
+    EXPECT_EQ(probe.format(), GetParam().format);
     EXPECT_EQ(log.count("activeOutPin failed -1", 0), GetParam().result == 0 ? 0 : 2);
 }
 
@@ -55,6 +56,17 @@ TEST(ElementShell, InitializeSetsLoggingGlobals)
     EXPECT_EQ(e.getState(), 1);
 }
 
+// The output pin is made with the element as its owner: the element never deletes it, the
+// host library does once the element has gone.
+TEST(ElementShell, OutputPinOutlivesTheElementAndGoesWithItsOwner)
+{
+    auto e = std::make_unique<V4LCameraCapturePlugin>();
+    MediaOutputPin* pin = e->getOutputPinList().first();
+    EXPECT_EQ(pin->owner(), e.get());
+    e.reset();
+    EXPECT_EQ(MediaOutputPin::fate(pin), PinFate::DeletedByOwner);
+}
+
 TEST(ElementShell, ProbeOpenWithoutAPlaceForTheDescriptorFails)
 {
     V4LCameraCapturePlugin e;
@@ -67,7 +79,7 @@ class ClosedElementRead : public testing::TestWithParam<int> {};
 TEST_P(ClosedElementRead, FailsAtOnceWithoutTouchingTheSet)
 {
     V4LCameraCapturePlugin e;
-    e.m_fd = GetParam();
+    ElementProbe(e).fd() = GetParam();
     MediaFrame frame(64);
     frame.setSize(9);
     const auto start = std::chrono::steady_clock::now();
@@ -75,7 +87,7 @@ TEST_P(ClosedElementRead, FailsAtOnceWithoutTouchingTheSet)
     EXPECT_EQ(e.v4l2_get_one_frame2(), -1);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
     EXPECT_EQ(frame.size(), 0);
-    e.m_fd = -1;
+    ElementProbe(e).fd() = -1;
 }
 
 INSTANTIATE_TEST_SUITE_P(Descriptors, ClosedElementRead, testing::Values(-1, FD_SETSIZE, FD_SETSIZE + 100));

@@ -66,8 +66,8 @@ TEST_F(Lifecycle, PlayStreamsUntilStopAndEveryPlayOpensAfresh)
         EXPECT_TRUE(simcam::waitForFrames(3 * uint64_t(round), std::chrono::seconds(5)));
         EXPECT_EQ(round == 1 ? element->stop() : element->pause(), 0);
         EXPECT_EQ(element->getState(), 2);
-        EXPECT_EQ(element->m_fd, -1);
-        EXPECT_FALSE(element->m_running);
+        EXPECT_EQ(probe.fd(), -1);
+        EXPECT_FALSE(probe.running());
         EXPECT_EQ(simcam::stats().openDescriptors, 0);
         EXPECT_EQ(simcam::stats().opens.size(), size_t(round));
     }
@@ -139,8 +139,8 @@ TEST_P(PlayFails, LeavesNoDeviceOpenAndTheStateAsItWas)
     EXPECT_EQ(countEntries("/proc/self/fd"), fds);  // capture memory a refused import left behind
     EXPECT_TRUE(log.contains(GetParam().second, 0)) << GetParam().second;
     EXPECT_EQ(element->getState(), 1);
-    EXPECT_EQ(element->m_fd, -1);
-    EXPECT_FALSE(element->m_captureThread.joinable());
+    EXPECT_EQ(probe.fd(), -1);
+    EXPECT_FALSE(probe.captureThread().joinable());
     EXPECT_EQ(simcam::stats().openDescriptors, 0);
 
     // Once the camera behaves, the next play opens it afresh.
@@ -161,8 +161,8 @@ TEST_F(Lifecycle, CaptureLoopThatCannotStreamWaitsForStop)
     int events = 0;
     QObject::connect(element.get(), &IMediaElement::mediaEvent, [&](QString, QVariant) { ++events; });
     ASSERT_EQ(element->play(), 0);
-    element->m_captureThread.join();  // the loop ends by itself
-    element->m_captureThread = std::thread([] {});
+    probe.captureThread().join();  // the loop ends by itself
+    probe.captureThread() = std::thread([] {});
     EXPECT_TRUE(log.contains("V4LCameraCapturePlugin::video_frame 3!", 2));
     EXPECT_EQ(element->getState(), 3);
     EXPECT_EQ(element->stop(), 0);
@@ -175,7 +175,7 @@ TEST_F(Lifecycle, InitializeOrDeleteWhilePlayingStopsTheCapture)
     ASSERT_EQ(element->play(), 0);
     EXPECT_EQ(element->initialize(), 0);
     EXPECT_EQ(element->getState(), 1);
-    EXPECT_FALSE(element->m_captureThread.joinable());
+    EXPECT_FALSE(probe.captureThread().joinable());
     EXPECT_EQ(simcam::stats().openDescriptors, 0);
 
     ASSERT_EQ(element->play(), 0);
@@ -200,7 +200,7 @@ TEST_F(Lifecycle, RepeatedPlayAndStopLeakNothing)
     EXPECT_EQ(settledThreadCount(), threads);
     EXPECT_EQ(simcam::stats().clockThreads, 0);
     EXPECT_EQ(simcam::stats().streams, 0);
-    EXPECT_EQ(element->m_mediaMem, nullptr);
+    EXPECT_FALSE(probe.hasAllocator());
 }
 
 } // namespace

@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "Logger.h"
-#include "V4LCameraCapturePlugin.h"
+#include "ElementProbe.h"
 
 namespace {
 
@@ -54,26 +54,20 @@ protected:
 
     void push(std::initializer_list<std::string> texts)
     {
-        std::lock_guard<std::mutex> lock(element.m_sendMutex);
         for (const std::string& text : texts)
-            element.m_sendQueue.push_back(std::make_unique<SendBuffer>(const_cast<char*>(text.data()), unsigned(text.size())));
-        element.m_sendCond.notify_one();
+            probe.push(text.data(), unsigned(text.size()));
     }
 
     void startSender()
     {
-        element.m_running = true;
+        probe.setRunning(true);
         sender = std::thread(&V4LCameraCapturePlugin::video_send_frame, &element);
     }
 
     // What stop does to the sender.
     void stopSender()
     {
-        {
-            std::lock_guard<std::mutex> lock(element.m_sendMutex);
-            element.m_running = false;
-        }
-        element.m_sendCond.notify_all();
+        probe.setRunning(false);
         if (sender.joinable())
             sender.join();
     }
@@ -88,14 +82,11 @@ protected:
         return text;
     }
 
-    size_t queued()
-    {
-        std::lock_guard<std::mutex> lock(element.m_sendMutex);
-        return element.m_sendQueue.size();
-    }
+    size_t queued() { return probe.queueLength(); }
 
     LogCapture log;
     V4LCameraCapturePlugin element;
+    ElementProbe probe{element};
     static constexpr unsigned kFrameCapacity = 64;
     MediaInputPin consumer{nullptr, 4, kFrameCapacity};
     std::thread sender;

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "Logger.h"
-#include "V4LCameraCapturePlugin.h"
+#include "ElementProbe.h"
 #include "simcam/SimCamera.h"
 
 namespace testsupport {
@@ -35,14 +35,14 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(simcam::interposing()) << "libsimcam must come first in the link order";
-        V4LCameraCapturePlugin::m_isStreaming = false;
+        ElementProbe::streaming() = false;
     }
     void TearDown() override
     {
         if (element)
             element->stop();
         element.reset();  // also drops queued calls posted to it
-        V4LCameraCapturePlugin::m_isStreaming = false;
+        ElementProbe::streaming() = false;
         // Nothing the element opened or mapped outlives it.
         EXPECT_EQ(simcam::stats().openDescriptors, 0);
         EXPECT_EQ(simcam::stats().mappings, 0);
@@ -54,9 +54,7 @@ protected:
     {
         simcam::configure(model);
         simcam::resetStats();
-        element->m_format = fourcc;
-        element->m_width = w;
-        element->m_height = h;
+        probe.setCapture(fourcc, w, h);
     }
     void useCamera(uint32_t fourcc, const std::string& settings = "", int w = 640, int h = 480)
     {
@@ -72,27 +70,20 @@ protected:
     }
 
     // Entries waiting for the sender, oldest first.
-    std::vector<std::vector<uint8_t>> queued()
-    {
-        std::lock_guard<std::mutex> lock(element->m_sendMutex);
-        std::vector<std::vector<uint8_t>> out;
-        for (const auto& e : element->m_sendQueue)
-            out.emplace_back(e->data, e->data + e->size);
-        return out;
-    }
+    std::vector<std::vector<uint8_t>> queued() { return probe.queued(); }
     // Tops the send queue up to n one-byte entries.
     void fillQueue(size_t n)
     {
-        std::lock_guard<std::mutex> lock(element->m_sendMutex);
-        uint8_t byte = 0x11;
-        while (element->m_sendQueue.size() < n)
-            element->m_sendQueue.push_back(std::make_unique<V4LCameraCapturePlugin::SendBuffer>(&byte, 1u));
+        const uint8_t byte = 0x11;
+        while (probe.queueLength() < n)
+            probe.push(&byte, 1u);
     }
 
     // Runs what the element posted to itself (USB resets).
     static void runQueuedCalls() { QCoreApplication::processEvents(); }
 
     std::unique_ptr<V4LCameraCapturePlugin> element = std::make_unique<V4LCameraCapturePlugin>();
+    ElementProbe probe{*element};
     LogCapture log;
 };
 

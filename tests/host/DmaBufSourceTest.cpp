@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -145,13 +146,14 @@ using MemPtr = std::unique_ptr<Codec::MediaMem, void (*)(Codec::MediaMem*)>;
 
 MemPtr dmaAllocator() { return MemPtr(Codec::MediaMem::create(Codec::MEDIA_BUFFER_TYPE_DMA), Codec::MediaMem::destroy); }
 
-// The memory is mapped whole and stays valid after the allocator is gone, until the frame
-// is freed; freeing twice, or what holds no memory, is harmless.
-TEST(MediaMem, DmaMemoryIsMappedWithADescriptorAndOutlivesTheAllocator)
+// The memory is mapped whole; freeing what never got memory, or whose alloc failed, is
+// harmless, and a freed buffer may be allocated again.
+TEST(MediaMem, DmaMemoryIsMappedWithADescriptor)
 {
+    MemPtr mem = dmaAllocator();
     Codec::MediaFrame frame, never, failed;
     const int bytes = 3 * 640 * 480;
-    ASSERT_EQ(dmaAllocator()->alloc(&frame, bytes), 0);
+    ASSERT_EQ(mem->alloc(&frame, bytes), 0);
     EXPECT_GE(frame.fd, 0);
     EXPECT_EQ(frame.size, uint32_t(bytes));
     ASSERT_NE(frame.data, nullptr);
@@ -161,12 +163,52 @@ TEST(MediaMem, DmaMemoryIsMappedWithADescriptorAndOutlivesTheAllocator)
     Codec::MediaMem::free(&frame);
     EXPECT_EQ(frame.fd, -1);
     EXPECT_EQ(frame.data, nullptr);
-    Codec::MediaMem::free(&frame);
+    Codec::MediaMem::free(&never);
     Codec::MediaMem::free(&never);
     Codec::MediaMem::free(nullptr);
-    EXPECT_EQ(dmaAllocator()->alloc(&failed, 0), -1);
+    EXPECT_EQ(mem->alloc(&failed, 0), -1);
     EXPECT_EQ(failed.fd, -1);
     Codec::MediaMem::free(&failed);
+    ASSERT_EQ(mem->alloc(&frame, 4096), 0);
+    Codec::MediaMem::free(&frame);
+}
+
+// What the real library does not survive stops the process with a message.
+TEST(MediaMemDeathTest, RefusesWhatACodecLibraryCannotSurvive)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const struct {
+        const char* what;
+        std::function<void()> misuse;
+        const char* message;
+    } cases[] = {
+        {"null allocator", [] { Codec::MediaMem::destroy(nullptr); }, "destroy of a null allocator"},
+        {"allocator destroyed twice",
+         [] {
+             Codec::MediaMem* mem = Codec::MediaMem::create(Codec::MEDIA_BUFFER_TYPE_DMA);
+             Codec::MediaMem::destroy(mem);
+             Codec::MediaMem::destroy(mem);
+         },
+         "destroyed twice"},
+        {"buffer freed twice",
+         [] {
+             MemPtr mem = dmaAllocator();
+             Codec::MediaFrame frame;
+             mem->alloc(&frame, 4096);
+             Codec::MediaMem::free(&frame);
+             Codec::MediaMem::free(&frame);
+         },
+         "freed twice"},
+        {"buffer freed after its allocator",
+         [] {
+             Codec::MediaFrame frame;
+             dmaAllocator()->alloc(&frame, 4096);
+             Codec::MediaMem::free(&frame);
+         },
+         "freed after its allocator"},
+    };
+    for (const auto& c : cases)
+        EXPECT_DEATH(c.misuse(), c.message) << c.what;
 }
 
 TEST(DmaBufSource, AllocatorRefusedByEverySourceLeavesNoDescriptorAndAnEmptyBuffer)

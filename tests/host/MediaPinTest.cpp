@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <future>
@@ -119,6 +120,20 @@ TEST(MediaPin, OversizedOrForeignFramesAreRefusedWithALogLine)
     EXPECT_EQ(pins.output.queue(&stranger), PIN_REFUSED);
     EXPECT_TRUE(log.contains("not from this pin's pool", 0));
     EXPECT_EQ(pins.output.stats().refused, 2u);
+}
+
+// A pin without an owner is its maker's to delete, once.
+TEST(MediaPinDeathTest, SecondDeleteAborts)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    // Kept as a number: the second delete is the point of the test.
+    const volatile auto address = reinterpret_cast<std::uintptr_t>(
+        new MediaOutputPin(MAJOR_TYPE_VIDEO, MINOR_TYPE_CODED, CODEC_TYPE_H264, RAW_TYPE_NONE, nullptr));
+    auto pin = [&address] { return reinterpret_cast<MediaOutputPin*>(address); };
+    EXPECT_EQ(MediaOutputPin::fate(pin()), PinFate::Alive);
+    delete pin();
+    EXPECT_EQ(MediaOutputPin::fate(pin()), PinFate::DeletedByOther);
+    EXPECT_DEATH(delete pin(), "deleted twice");
 }
 
 } // namespace

@@ -20,7 +20,7 @@
 
 #include "Bitstream.h"
 #include "MediaPin.h"
-#include "V4LCameraCapturePlugin.h"
+#include "ElementProbe.h"
 #include "simcam/Chaos.h"
 #include "simcam/SimCamera.h"
 
@@ -293,14 +293,12 @@ TEST(Soak, PlayStopReformatUnderChaos)
         const bool fast = fourcc == simcam::kFourccH264 && random() % 2;
         simcam::setTimePerFrame("video0", {1, fast ? 240u : fourcc == simcam::kFourccHEVC ? 1u : 0u});
         bool held = false;
-        {
-            std::lock_guard lock(element.m_sendMutex);
-            held = !element.m_sendQueue.empty();
-        }
+        held = ElementProbe(element).queueLength() > 0;
         consumer.beginCycle(fourcc, held);
-        element.m_format = fourcc;
-        element.m_width = fourcc == simcam::kFourccHEVC ? 1920 : 640;
-        element.m_height = fourcc == simcam::kFourccHEVC ? 1080 : 480;
+        if (fourcc == simcam::kFourccHEVC)
+            ElementProbe(element).setCapture(fourcc, 1920, 1080);
+        else
+            ElementProbe(element).setCapture(fourcc, 640, 480);
         // A refused format or an unplugged camera: the element's own USB reset, run here,
         // brings the camera back for a later play.
         if (element.play() != 0) {
@@ -357,9 +355,7 @@ TEST(SoakDeathTest, ConsumerGoneWhileLaggingEndsTheProcess)
             calm.minGap = calm.maxGap = 60s; // the schedule runs, its first fault comes late
             simcam::Chaos chaos(1, calm);
             V4LCameraCapturePlugin element;
-            element.m_format = simcam::kFourccH264;
-            element.m_width = 640;
-            element.m_height = 480;
+            ElementProbe(element).setCapture(simcam::kFourccH264, 640, 480);
             auto input = std::make_unique<MediaInputPin>();
             element.getOutputPinList().first()->connect(input.get());
             if (element.play() == 0) {

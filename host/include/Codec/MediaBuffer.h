@@ -31,6 +31,10 @@ public:
     uint32_t size = 0;      // bytes of attached memory
     uint32_t length = 0;    // payload bytes (encoded packets)
     MemoryBlock* block = nullptr;  // owned by the allocator; released by MediaMem::free
+
+    // Allocator bookkeeping: a buffer is freed at most once after alloc was asked for it.
+    enum class Memory : uint8_t { None, Attached, Failed, Freed };
+    Memory memory = Memory::None;
 };
 
 class MediaFrame : public MediaBuffer {

@@ -26,10 +26,12 @@ enum Configure {
     CONFIG_GOP = 21,
 };
 
-// One encoded packet, owned by whoever getPacket returned it to.
+// One encoded packet record, owned by whoever getPacket returned it to.
 struct MediaPacket {
     int32_t status = -1;            // 0 when `buffer` carries a packet
-    MediaBuffer* buffer = nullptr;  // owned by the receiver; delete through its destructor
+    // With status 0: owned by the receiver, delete through its destructor. With any other
+    // status it stays the encoder's (valid until its next call), and deleting it aborts.
+    MediaBuffer* buffer = nullptr;
 };
 
 class Encoder {

@@ -12,12 +12,15 @@ namespace Codec {
 class MediaMem {
 public:
     static MediaMem* create(MediaBufferType type);
+    // Aborts on a null allocator or one destroyed before; buffers still attached must be
+    // freed before it (freeing them afterwards aborts).
     static void destroy(MediaMem* mem);
 
     // Attaches `bytes` of memory to `buffer` (data, fd, size). 0 on success, -1 on failure
     // (the buffer is then left with fd -1 and data null).
     int alloc(MediaBuffer* buffer, int bytes);
-    // Releases what alloc attached; accepts a buffer that never got memory.
+    // Releases what alloc attached; accepts a buffer that never got memory, or whose alloc
+    // failed. Freeing a buffer twice after an alloc aborts.
     static void free(MediaBuffer* buffer);
 
     MediaBufferType type() const { return m_type; }
@@ -26,10 +29,11 @@ public:
     static const char* dmaSourceName();
 
 private:
-    explicit MediaMem(MediaBufferType type) : m_type(type) {}
+    explicit MediaMem(MediaBufferType type);
     ~MediaMem() = default;
 
     MediaBufferType m_type;
+    uint64_t m_serial = 0;
 };
 
 } // namespace Codec
