@@ -56,7 +56,7 @@ entries() {
   done
 }
 
-found= main_uri= main_key=
+found='' main_uri='' main_key=''
 while read -r uri suite key; do
   case "$suite" in
     "$codename"|"$codename"-updates|"$codename"-security|"$codename"/updates) ;;

@@ -4,21 +4,19 @@
 # boots, then runs `ctest -L vm` and prints the time of every stage and scenario.
 # Exits non-zero when a scenario fails. When no VM can boot on this machine the stage is
 # skipped with the reason (VM_REQUIRED=1 makes that a failure).
-# Build tree: build/ (override with BUILD_ROOT, as scripts/test.sh does).
+# Build tree: build/ under BUILD_ROOT (default the checkout), as scripts/test.sh builds it.
+# shellcheck disable=SC2317  # (the functions below run through stage)
 set -uo pipefail
-cd "$(dirname "$0")/.."
-root=${BUILD_ROOT:-$PWD}
-build=$root/build
+cd "$(dirname "$0")/.." || exit 1
+# shellcheck source=scripts/lib/common.sh
+. scripts/lib/common.sh
+# shellcheck source=scripts/lib/stages.sh
+. scripts/lib/stages.sh
+build=$build_root/build
 start=$SECONDS
 
-. scripts/lib/stages.sh
-build_tree() {
-  cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null &&
-    cmake --build "$build" -j "${JOBS:-$(nproc)}"
-}
-
 stage "install VM packages and kernel" bash scripts/install-vm.sh || no_vm "VM: scripts/install-vm.sh failed"
-stage "build" build_tree || exit 1
+stage "build" native_build "$build" || exit 1
 
 # A probe boot: TCG must work; KVM is used only when a boot with it works here too (on
 # some hosts /dev/kvm exists but a stock kernel hangs under it).

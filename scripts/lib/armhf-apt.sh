@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced. armhf_apt DIR ARCHIVES [--backports]: a private apt configuration for Debian's
 # armhf packages in DIR, its own state (nothing counts as installed, so apt resolves every
 # dependency from scratch), lists and lock, downloads in ARCHIVES, and sources taken from

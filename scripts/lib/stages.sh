@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by the test scripts: timed stages, and what the real-kernel stages share.
 
 # stage NAME COMMAND...: runs COMMAND between "=== NAME" and "=== NAME: N s", returning its

@@ -10,13 +10,15 @@
 # Exit: 0 passed, 1 failed, 77 skipped (the reason is printed and kept in summary.txt).
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-vm_run=$(cd "$here/../../tools/vm" && pwd)/vm-run.sh
-build= cpus=1 append= tmo=300 arch=amd64 tag= envs=
+# shellcheck source=scripts/lib/common.sh
+. "$here/../../scripts/lib/common.sh"
+vm_run=$camera_repo/tools/vm/vm-run.sh
+build='' cpus=1 append='' tmo=300 arch=amd64 tag='' envs=()
 while [ $# -gt 0 ]; do
   case "$1" in
     --arch) arch=$2; shift 2 ;;
     --tag) tag=$2; shift 2 ;;
-    --env) envs+=" $2"; shift 2 ;;
+    --env) envs+=(-e "$2"); shift 2 ;;
     --build) build=$(realpath "$2"); shift 2 ;;
     --cpus) cpus=$2; shift 2 ;;
     --append) append=$2; shift 2 ;;
@@ -31,15 +33,14 @@ art=$build/tests/vm/artifacts/$tag
 rm -rf "$art"
 mkdir -p "$art"
 t0=$EPOCHREALTIME
-since() { awk -v a="$t0" -v b="$EPOCHREALTIME" 'BEGIN { printf "%.1f", b - a }'; }
 
 summary() {  # STATUS REASON
-  printf '%s %s boot=%s %s\n' "$1" "$(since)" "${boot:--}" "$2" > "$art/summary.txt"
-  echo "== $tag: $1 in $(since)s (boot ${boot:--}s)${2:+: $2}"
+  printf '%s %s boot=%s %s\n' "$1" "$(seconds_since "$t0")" "${boot:--}" "$2" > "$art/summary.txt"
+  echo "== $tag: $1 in $(seconds_since "$t0")s (boot ${boot:--}s)${2:+: $2}"
 }
 skipped() { summary skipped "$1"; echo "SKIPPED: $1"; exit 77; }
 
-cache=${VM_CACHE:-${CAMERA_CACHE_DIR:-/var/cache/camera-build}/vm}
+cache=$vm_cache
 if [ "$arch" = armhf ]; then
   qemu_bin=qemu-system-arm kernel=kernel-armhf-${VM_KERNEL:-6.12} install="scripts/install-vm.sh --armhf"
 else
@@ -51,11 +52,11 @@ command -v ffprobe >/dev/null || skipped "ffprobe is not installed"
 [ -x "$build/bin/camcap" ] || skipped "$build/bin/camcap is not built"
 
 # The guest runs as root with the host's tree read-only; OUT is the only way back.
-cmd="SCENARIO=$tag BUILD_DIR=$build OUT=$art$envs bash $here/guest/$name.sh $*"
-vm_args=(-c "$cpus" -t "$tmo" -o "$art")
+vm_args=(-c "$cpus" -t "$tmo" -o "$art" -e "SCENARIO=$tag" -e "BUILD_DIR=$build" -e "OUT=$art" "${envs[@]}")
 # The ARM VM's root is the sysroot: the checkout (guest scripts) and build tree come as shares.
-[ "$arch" = armhf ] && vm_args+=(--arch armhf -v "$(cd "$here/../.." && pwd)" -v "$build")
-(cd "$here" && "$vm_run" "${vm_args[@]}" ${append:+--append "$append"} -- "$cmd") \
+[ "$arch" = armhf ] && vm_args+=(--arch armhf -v "$camera_repo" -v "$build")
+[ -n "$append" ] && vm_args+=(--append "$append")
+(cd "$here" && "$vm_run" "${vm_args[@]}" -- bash "$here/guest/$name.sh" "$@") \
   > "$art/vm.log" 2> "$art/vm-timing.log"
 guest=$?
 boot=$(sed -n 's/^VM_TIMING boot \([0-9.]*\)s.*/\1/p' "$art/vm-timing.log")
@@ -72,6 +73,7 @@ esac
 
 # Host side: every listed recording must decode, packet for packet, without an error.
 host_pass=0 host_fail=0
+[ -f "$art/decode.list" ] || { echo "(no decode.list from the guest)"; : > "$art/decode.list"; }
 while IFS='|' read -r label file demuxer min max; do
   [ -n "$label" ] || continue
   f=$art/$file
@@ -90,7 +92,6 @@ while IFS='|' read -r label file demuxer min max; do
     host_fail=$((host_fail + 1))
   fi
 done < "$art/decode.list"
-[ -f "$art/decode.list" ] || echo "(no decode.list from the guest)"
 
 guest_line=$(grep -a '^SCENARIO ' "$art/vm.log" | tr -d '\r' | sed 's/^SCENARIO [^:]*: //; s/ in the guest//')
 checks="guest: ${guest_line:-no result line}; host decode: $host_pass passed, $host_fail failed"

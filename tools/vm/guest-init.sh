@@ -2,7 +2,8 @@
 # /init of the test VM (see build-initramfs.sh and vm-run.sh).
 #
 # Kernel command line words read here (B64 = base64 of the value):
-#   vmcmd=B64    shell command run with sh -c inside the host-root chroot, as root
+#   vmcmd=B64    the script vm-run.sh made of the command, run by bash in the host-root
+#                chroot, as root
 #   vmcwd=B64    directory to run it in (default /)
 #   vmout=B64    host directory vm-run.sh shares read-write (9p tag "out"); mounted at
 #                the same path, so files written there reach the host
@@ -20,7 +21,8 @@ mount -t sysfs sysfs /sys
 mount -t devtmpfs devtmpfs /dev
 
 b64() { echo "$1" | base64 -d 2>/dev/null; }
-CMD= CWD=/ OUTP= SHELLMODE= SHARES= NOPRELOAD=
+CMD='' CWD=/ OUTP='' SHELLMODE='' SHARES='' NOPRELOAD=''
+# shellcheck disable=SC2013  # (the words of its one line)
 for a in $(cat /proc/cmdline); do
   case "$a" in
     vmcmd=*) CMD=$(b64 "${a#vmcmd=}") ;;
@@ -52,7 +54,7 @@ for s in $SHARES; do
 done
 mkdir -p $R/usr/local/lib/vm-busybox
 cp /bin/busybox $R/usr/local/lib/vm-busybox/busybox
-for a in $(busybox --list); do ln -s busybox $R/usr/local/lib/vm-busybox/$a 2>/dev/null; done
+for a in $(busybox --list); do ln -s busybox "$R/usr/local/lib/vm-busybox/$a" 2>/dev/null; done
 # The armhf sysroot has no mount points of its own (they would hide the host's under
 # qemu-user); the overlay takes them.
 mkdir -p $R/dev $R/proc $R/sys $R/run $R/tmp
@@ -83,11 +85,14 @@ if [ -n "$SHELLMODE" ] || [ -z "$CMD" ]; then
   poweroff -f
 fi
 
-read up _ < /proc/uptime
+# The command runs as a script file, its text never parsed by this shell.
+printf '%s\n' "$CMD" > $R/run/vm-command
+read -r up _ < /proc/uptime
 echo "VM_CMD_START uptime=${up}s kernel=$(uname -r) cpus=$(grep -c ^processor /proc/cpuinfo)"
+# shellcheck disable=SC2016  # (the inner shell expands them)
 chroot $R /usr/bin/env -i HOME=/root TERM=dumb LANG=C.UTF-8 VM_GUEST=1 \
   PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin:/usr/local/lib/vm-busybox \
-  /bin/sh -c 'cd "$1" && eval "$2"' vmsh "$CWD" "$CMD" </dev/null
+  /bin/bash -c 'cd "$1" && exec /bin/bash /run/vm-command' vmsh "$CWD" </dev/null
 rc=$?
 sync
 echo "VM_EXIT_CODE=$rc"

@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034  # (some names are for the scenario scripts only)
 # Shared by the scenario scripts, which run as root inside the test VM (see vm-run.sh).
 # Environment from run-scenario.sh:
 #   BUILD_DIR  the build tree (bin/camcap, plugins/, bin/uvc-gadget-camera, ...)
@@ -54,11 +55,12 @@ camcap_supports() {
     grep -q -- "$opt" <<< "$help" || return 1
   done
 }
-# need_camcap WHAT OPTION...: false, with a skip line, when camcap lacks an option.
+# need_camcap WHAT OPTION...: false, with a failed check, when camcap lacks an option: the
+# scenario is there to prove what camcap does with it.
 need_camcap() {
   local what=$1; shift
   if ! camcap_supports "$@"; then
-    skip "$what" "camcap has no $* option yet"
+    fail "$what" "camcap lacks one of $*"
     return 1
   fi
 }

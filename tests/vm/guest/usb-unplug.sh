@@ -4,6 +4,7 @@
 # (the device leaves the bus). Each time camcap must notice within its stall timeout,
 # say "camera unplugged" and exit 8, the element's stop() must return promptly, the file
 # must hold only whole frames, and once the camera is back a new recording must work.
+# shellcheck source=tests/vm/guest/lib.sh
 . "$(dirname "$0")/lib.sh"
 need_camcap "unplug while recording" --duration --format --size --output --stall-timeout || finish
 
@@ -13,7 +14,14 @@ pass "USB camera enumerates as $CAM_NODE on $CAM_USB"
 record_seconds=15
 stall_timeout=5
 
-# lose_camera NAME FORMAT DEMUXER HOW: records, takes the camera away with HOW, checks.
+# The two ways the camera goes away, called by name (HOW below).
+# shellcheck disable=SC2317
+reset_camera() { usbreset "${CAM_USB#/dev/bus/usb/}" > "$OUT/usbreset.log" 2>&1; }
+# shellcheck disable=SC2317
+kill_camera() { kill -KILL "$CAM_PID"; wait "$CAM_PID" 2>/dev/null; CAM_PID=; }
+
+# lose_camera NAME FORMAT DEMUXER HOW: records, takes the camera away with the function HOW,
+# checks.
 lose_camera() {
   local name=$1 fmt=$2 demuxer=$3 how=$4
   local file=$OUT/$name.out log=$OUT/$name.log
@@ -24,11 +32,10 @@ lose_camera() {
   local pid=$!
   wait_frames "$log"
   say "$name: $how while camcap records ($(stat -c %s "$file") bytes so far)"
-  eval "$how"
+  "$how"
   local lost_at ended_at
   read -r lost_at _ < /proc/uptime
-  local i
-  for i in $(seq 300); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+  for _ in $(seq 300); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
   if kill -0 "$pid" 2>/dev/null; then
     fail "$name: camcap ends after its ${record_seconds}s" "still running 30 s after the camera went away"
     kill -INT "$pid"; sleep 5; kill -KILL "$pid" 2>/dev/null
@@ -60,7 +67,7 @@ back_again() {
 }
 
 devnum=$((10#${CAM_USB##*/}))
-lose_camera reset-h264 h264 h264 'usbreset "${CAM_USB#/dev/bus/usb/}" > "$OUT/usbreset.log" 2>&1'
+lose_camera reset-h264 h264 h264 reset_camera
 check "reset-h264: the kernel reset USB device $devnum" test "$(usb_resets "$devnum")" -ge 1
 back_again reset-h264
 
@@ -70,7 +77,7 @@ back_again reset-h264
 stop_usb_camera
 for _ in $(seq 50); do uvc_capture_node >/dev/null || break; sleep 0.2; done
 start_usb_camera --formats yuyv,mjpeg --sizes 640x480 --fps 5 || { fail "YUYV camera enumerates"; finish; }
-lose_camera kill-yuyv yuyv h264 'kill -KILL "$CAM_PID"; wait "$CAM_PID" 2>/dev/null; CAM_PID='
+lose_camera kill-yuyv yuyv h264 kill_camera
 check "kill-yuyv: encoded from yuyv" grep -qF "recording h264 (encoded from yuyv)" "$OUT/kill-yuyv.log"
 for _ in $(seq 50); do uvc_capture_node >/dev/null || break; sleep 0.2; done
 check "kill-yuyv: the camera left the bus" sh -c "! ls /sys/bus/usb/devices/1-1 >/dev/null 2>&1"
