@@ -8,14 +8,16 @@
 # to match the host's versions exactly, and the mirror's armhf security index is not always
 # there, which then forces host downgrades. A separate sysroot keeps the two apart.
 #
-# Cache: ${CAMERA_CACHE_DIR:-/var/cache/camera-build}/armhf holds the apt lists, the
+# Cache: $CAMERA_CACHE_DIR/armhf (default /var/cache/camera-build/armhf) holds the apt lists, the
 # downloaded .deb files (kept, so a rebuild downloads nothing) and the sysroot. The sysroot
 # is rebuilt only when the package list below changes or ARMHF_SYSROOT_REFRESH=1.
 # Prints the sysroot path as its last line.
 set -euo pipefail
+# shellcheck source=scripts/lib/common.sh
+. "$(dirname "$0")/lib/common.sh"
 export DEBIAN_FRONTEND=noninteractive
 
-cache=${CAMERA_CACHE_DIR:-/var/cache/camera-build}/armhf
+cache=$camera_cache/armhf
 sysroot=$cache/sysroot
 
 host_packages=(
@@ -40,27 +42,10 @@ target_nodeps=(qtbase5-dev qt5-qmake)
 layout=6
 
 log() { printf '[install-armhf] %s\n' "$*" >&2; }
-if [ "$(id -u)" -ne 0 ]; then SUDO=sudo; else SUDO=; fi
 
 # ---- host packages -------------------------------------------------------------------
 
-missing=()
-for p in "${host_packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  log "host packages to install: ${missing[*]}"
-  $SUDO apt-get -o DPkg::Lock::Timeout=600 update -q || log "apt-get update reported errors; continuing with the lists it has"
-  apt_args=(-o DPkg::Lock::Timeout=600 --no-install-recommends --no-remove)
-  # Refuse anything that would take a host package back or away.
-  sim=$(apt-get install -s "${apt_args[@]}" "${missing[@]}" 2>&1) || { printf '%s\n' "$sim" >&2; exit 1; }
-  if printf '%s\n' "$sim" | grep -Eq '^Remv |DOWNGRADED|[1-9][0-9]* downgraded'; then
-    printf '%s\n' "$sim" | grep -E '^Remv |^Inst .*\[.*\] \(' >&2 || true
-    log "refusing: this install would remove or downgrade host packages"
-    exit 1
-  fi
-  $SUDO apt-get install -y -q "${apt_args[@]}" "${missing[@]}"
-fi
+install_packages install-armhf "${host_packages[@]}"
 
 # ---- armhf sysroot -------------------------------------------------------------------
 
@@ -70,20 +55,27 @@ exec 9>"$cache/.lock"
 flock 9
 
 stamp_text="layout=$layout packages=${target_packages[*]} nodeps=${target_nodeps[*]}"
-shim_source=$(cd "$(dirname "$0")" && pwd)/armhf-qemu-shim.c
+shim_dir=$camera_repo/tools/qemu-shim
 shim_path=/usr/lib/arm-linux-gnueabihf/libarmhf-qemu-shim.so
 
-# The emulation shim (see armhf-qemu-shim.c), preloaded into every process qemu runs with
-# -L <sysroot>; rebuilt whenever its source changes.
+# The emulation shim (tools/qemu-shim), preloaded into every process qemu runs with
+# -L <sysroot>: built with the armhf toolchain against the sysroot, again whenever its
+# source or build changes.
 install_shim() {  # sysroot
-  local root=$1 sum
-  sum=$(sha256sum < "$shim_source" | cut -d' ' -f1)
+  local root=$1 sum build
+  sum=$(cat "$shim_dir/armhf-qemu-shim.c" "$shim_dir/CMakeLists.txt" | sha256sum | cut -d' ' -f1)
   if [ -f "$root$shim_path" ] && [ "$(cat "$root/.camera-shim" 2>/dev/null)" = "$sum" ]; then
     return 0
   fi
-  arm-linux-gnueabihf-gcc -O2 -Wall -fno-strict-aliasing -shared -fPIC \
-    -march=armv7-a -mfpu=neon -mfloat-abi=hard --sysroot="$root" \
-    -o "$root$shim_path" "$shim_source" -ldl
+  build=$(mktemp -d)
+  if ! { armhf_configure "$shim_dir" "$build" "$root" && cmake --build "$build" >/dev/null; }; then
+    rm -rf "$build"
+    log "the emulation shim does not build"
+    return 1
+  fi
+  cp "$build/libarmhf-qemu-shim.so" "$root$shim_path.new"
+  mv -f "$root$shim_path.new" "$root$shim_path"
+  rm -rf "$build"
   echo "$shim_path" > "$root/etc/ld.so.preload"
   echo "$sum" > "$root/.camera-shim"
   log "emulation shim built: $root$shim_path"
@@ -99,13 +91,15 @@ fi
 
 log "building the armhf sysroot in $sysroot (downloads cached in $cache/debs)"
 # The machine's own archive and mirror (scripts/apt-sources.sh), not one named here.
-. "$(dirname "$0")/lib/armhf-apt.sh"
+# shellcheck source=scripts/lib/armhf-apt.sh
+. "$camera_repo/scripts/lib/armhf-apt.sh"
 armhf_apt "$cache/apt" "$cache/debs"
 
 # The mirror has been seen serving a truncated armhf security index; without it the
 # sysroot simply gets the point-release versions, which is fine for building and testing.
 started=$SECONDS
 apt-get update -q >&2 || log "apt-get update reported errors; continuing with the indexes it fetched"
+# shellcheck disable=SC2016  # apt's own field syntax, not the shell's
 apt-get indextargets --format '$(CODENAME)' 'Identifier: Packages' 2>/dev/null | grep -qx bookworm ||
   { log "no armhf package index for bookworm; cannot build the sysroot"; exit 1; }
 
@@ -161,8 +155,9 @@ ln -sfn /usr/lib/qt5/bin/qmake "$tmp/usr/lib/arm-linux-gnueabihf/qt5/bin/qmake"
 # points in the overlay it boots into. base-files brings them empty: take them out.
 rmdir "$tmp"/{dev,proc,sys,run,tmp} 2>/dev/null || true
 
-install_shim "$tmp"
+# (The toolchain the shim is built with takes only a sysroot that has its stamp.)
 echo "$stamp_text" > "$tmp/.camera-sysroot"
+install_shim "$tmp"
 rm -rf "$sysroot"
 mv "$tmp" "$sysroot"
 log "sysroot ready: $sysroot ($(du -sh "$sysroot" | cut -f1), ${#debs[@]} packages, unpacked in $((SECONDS - started)) s)"

@@ -5,31 +5,27 @@
 # through from the camera, and encoded from YUYV) that the host's ffprobe must decode.
 # Prints the time of each stage; exits non-zero on any failure.
 #
-# Build tree: build-armhf/ (override with BUILD_DIR). Packages, downloads and the sysroot:
-# scripts/install-armhf.sh, cached in ${CAMERA_CACHE_DIR:-/var/cache/camera-build}/armhf.
+# Build tree: build-armhf/ under BUILD_ROOT (default the checkout). Packages, downloads and
+# the sysroot: scripts/install-armhf.sh, cached in $CAMERA_CACHE_DIR/armhf.
 # ARMHF_QEMU_CPU picks the emulated core (default cortex-a8), JOBS the parallelism.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-dir=${BUILD_DIR:-$PWD/build-armhf}
-jobs=${JOBS:-$(nproc)}
+# shellcheck source=scripts/lib/common.sh
+. scripts/lib/common.sh
+# shellcheck source=scripts/lib/stages.sh
+. scripts/lib/stages.sh
+dir=$build_root/build-armhf
 cpu=${ARMHF_QEMU_CPU:-cortex-a8}
 start_all=$SECONDS
 
-. scripts/lib/stages.sh
-
 sysroot_file=$(mktemp)
-trap 'rm -f "$sysroot_file"; echo "=== armhf total: $((SECONDS - start_all)) s"' EXIT
+at_exit() {
+  rm -f "$sysroot_file"
+  echo "=== armhf total: $((SECONDS - start_all)) s"
+}
+trap at_exit EXIT
 install_step() {
   bash scripts/install-armhf.sh | tail -n 1 > "$sysroot_file"
-}
-
-# -O2 as the native RelWithDebInfo build, without debug information: it makes the cross
-# build a quarter slower and is not needed to run the tests.
-configure() {
-  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_C_FLAGS_RELEASE="-O2 -DNDEBUG" -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" \
-    -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchain-armhf.cmake" -DARMHF_SYSROOT="$sysroot" \
-    -DARMHF_QEMU_CPU="$cpu" >/dev/null
 }
 
 # The emulator line the toolchain gives CTest. The tool re-runs itself with the simulator
@@ -63,7 +59,7 @@ record_h264() {
 stage "install (host packages, armhf sysroot)" install_step
 sysroot=$(cat "$sysroot_file")
 echo "armhf sysroot: $sysroot (download cache: $(dirname "$sysroot")/debs)"
-stage "configure" configure
+stage "configure" armhf_configure "$camera_repo" "$dir" "$sysroot"
 stage "build" cmake --build "$dir" -j "$jobs"
 # Label vm: scenarios that boot an x86-64 VM around the build tree; not for ARM binaries.
 stage "tests under qemu-user" ctest --test-dir "$dir" --output-on-failure -j "$jobs" --timeout 600 -LE "vm|armvm|soak"

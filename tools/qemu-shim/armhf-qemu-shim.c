@@ -18,7 +18,8 @@
  *     readdir() refuses with EOVERFLOW; a 32-bit process on the board gets 32-bit ones.
  *     readdir() here reads through readdir64() and cuts d_off to 32 bits.
  *
- * Host programs (ffprobe, sh) are exec'ed untouched. Built by scripts/install-armhf.sh.
+ * Host programs (ffprobe, sh) are exec'ed untouched. Built by scripts/install-armhf.sh into
+ * the sysroot, with this directory's CMakeLists.txt.
  */
 #define _GNU_SOURCE
 #include <dirent.h>
