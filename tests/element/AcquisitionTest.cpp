@@ -113,7 +113,8 @@ TEST_P(HevcSplit, PiecesOfAtMostOneRawFrame)
 
 INSTANTIATE_TEST_SUITE_P(Sizes, HevcSplit,
                          testing::Values(HevcCase{3110400, {3110400}}, HevcCase{3110401, {3110400, 1}},
-                                         HevcCase{6220801, {3110400, 3110400, 1}}, HevcCase{100, {100}}));
+                                         HevcCase{6220801, {3110400, 3110400, 1}}, HevcCase{100, {100}}),
+                         [](const testing::TestParamInfo<HevcCase>& info) { return std::to_string(info.param.bytes) + "Bytes"; });
 
 TEST_F(Acquisition, EmptyBuffersAndRawFormatsQueueNothing)
 {
@@ -151,7 +152,8 @@ TEST_P(MissingFrame, IsNotRead)
     EXPECT_TRUE(queued().empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Indexes, MissingFrame, testing::Values(0, 4, 31));
+INSTANTIATE_TEST_SUITE_P(Indexes, MissingFrame, testing::Values(0, 4, 31),
+                         [](const testing::TestParamInfo<int>& info) { return "Index" + std::to_string(info.param); });
 
 TEST_F(Acquisition, RequeueFailureFailsTheRead)
 {

@@ -61,7 +61,8 @@ TEST_P(DirectFormat, OtherCodecsSetTheFormatWithoutOpeningTheCamera)
 
 INSTANTIATE_TEST_SUITE_P(Codecs, DirectFormat,
                          testing::Values(DirectCase{7, kHEVC}, DirectCase{9, kMJPG}, DirectCase{11, kH264},
-                                         DirectCase{12, kH264}, DirectCase{-1, kH264}));
+                                         DirectCase{12, kH264}, DirectCase{-1, kH264}),
+                         [](const testing::TestParamInfo<DirectCase>& info) { return "Codec" + signedName(info.param.codec); });
 
 TEST_F(Attributes, NoCameraLeavesTheFormatAndListsNothing)
 {

@@ -38,7 +38,10 @@ TEST_P(Grant, FillsAndQueuesNoMoreThanFourSlots)
     EXPECT_FALSE(probe.hasAllocator());
 }
 
-INSTANTIATE_TEST_SUITE_P(Counts, Grant, testing::Values(std::pair(0, 0), std::pair(2, 2), std::pair(8, 4)));
+INSTANTIATE_TEST_SUITE_P(Counts, Grant, testing::Values(std::pair(0, 0), std::pair(2, 2), std::pair(8, 4)),
+                         [](const testing::TestParamInfo<std::pair<int, int>>& info) {
+                             return "Granted" + std::to_string(info.param.first);
+                         });
 
 struct LayoutCase {
     uint32_t fourcc;
@@ -68,7 +71,10 @@ INSTANTIATE_TEST_SUITE_P(
     Formats, Layout,
     testing::Values(LayoutCase{kYUYV, 640, 480, 921600, 1280, Codec::PIXEL_FORMAT_YUYV},
                     LayoutCase{kNV12, 1920, 1080, 6266880, 1920, Codec::PIXEL_FORMAT_NV12},  // 1080 rows align to 1088
-                    LayoutCase{kMJPG, 642, 362, 3 * 656 * 368, 0, 0}));
+                    LayoutCase{kMJPG, 642, 362, 3 * 656 * 368, 0, 0}),
+    [](const testing::TestParamInfo<LayoutCase>& info) {
+        return fourccName(info.param.fourcc) + "_" + std::to_string(info.param.width) + "x" + std::to_string(info.param.height);
+    });
 
 // A size no camera has never reaches the driver or the allocator (whose byte count is an
 // int): the setup is refused first.

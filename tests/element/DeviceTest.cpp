@@ -33,7 +33,8 @@ INSTANTIATE_TEST_SUITE_P(
                     std::pair("video12/video3", std::vector<std::string>{"/dev/video3"}),  // not a string sort
                     std::pair("video2/Video1", std::vector<std::string>{"/dev/Video1"}),   // any letter case
                     std::pair("video4/videodev", std::vector<std::string>{"/dev/videodev"}),  // no number: 0
-                    std::pair("video0/video", std::vector<std::string>{"/dev/video0", "/dev/video"})));
+                    std::pair("video0/video", std::vector<std::string>{"/dev/video0", "/dev/video"})),
+    ByFirst());
 
 TEST_F(Device, OpenFormsUseTheirOwnFlagsAndKeepTheirOwnDescriptor)
 {
@@ -143,7 +144,8 @@ INSTANTIATE_TEST_SUITE_P(
                     // Continuous: every common size inside.
                     std::pair("100x100-700x500", Sizes{{100, 100}, {160, 120}, {176, 144}, {320, 240}, {352, 288},
                                                        {640, 360}, {640, 480}, {700, 500}}),
-                    std::pair("640x480-640x480", Sizes{{640, 480}})));
+                    std::pair("640x480-640x480", Sizes{{640, 480}})),
+    ByFirst());
 
 struct GuardCase {
     int width, height;
@@ -165,7 +167,11 @@ TEST_P(SetFormatGuard, RefusesNonPositiveHeightOrFormatBeforeTheDriver)
 
 INSTANTIATE_TEST_SUITE_P(Requests, SetFormatGuard,
                          testing::Values(GuardCase{640, 0, kH264, -1}, GuardCase{640, 480, 0, -1},
-                                         GuardCase{640, 480, 0x80000000u, -1}, GuardCase{0, 480, kH264, 0}));
+                                         GuardCase{640, 480, 0x80000000u, -1}, GuardCase{0, 480, kH264, 0}),
+                         [](const testing::TestParamInfo<GuardCase>& info) {
+                             return std::to_string(info.param.width) + "x" + std::to_string(info.param.height) + "_" +
+                                    fourccName(info.param.format);
+                         });
 
 // An adjusted size succeeds and keeps the request; the frame interval is read back, or left
 // alone when the driver cannot tell it.
@@ -245,6 +251,7 @@ INSTANTIATE_TEST_SUITE_P(
     Trees, ResetWalk,
     testing::Values(std::pair("usb=device,bus=1,dev=4", "/dev/bus/usb/001/004"),
                     std::pair("usb=interface,bus=2,dev=7", "/dev/bus/usb/002/007"),
-                    std::pair("bus=12,dev=123", "/dev/bus/usb/012/123"), std::pair("usb=none", "")));
+                    std::pair("bus=12,dev=123", "/dev/bus/usb/012/123"), std::pair("usb=none", "")),
+    ByFirst());
 
 } // namespace

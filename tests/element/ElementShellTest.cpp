@@ -11,6 +11,7 @@
 #include "Formats.h"
 #include "Logger.h"
 #include "ElementProbe.h"
+#include "RowNames.h"
 
 namespace {
 
@@ -43,7 +44,10 @@ INSTANTIATE_TEST_SUITE_P(Codecs, ElementOutPin,
                                          OutPinCase{CODEC_TYPE_YUYV, -1, V4L2_PIX_FMT_MJPEG},
                                          OutPinCase{CODEC_TYPE_NV12, -1, V4L2_PIX_FMT_MJPEG},
                                          OutPinCase{CODEC_TYPE_NONE, -1, V4L2_PIX_FMT_MJPEG},
-                                         OutPinCase{8, -1, V4L2_PIX_FMT_MJPEG}));
+                                         OutPinCase{8, -1, V4L2_PIX_FMT_MJPEG}),
+                         [](const testing::TestParamInfo<OutPinCase>& info) {
+                             return "Codec" + testsupport::signedName(info.param.codec);
+                         });
 
 TEST(ElementShell, InitializeSetsLoggingGlobals)
 {
@@ -90,6 +94,7 @@ TEST_P(ClosedElementRead, FailsAtOnceWithoutTouchingTheSet)
     ElementProbe(e).fd() = -1;
 }
 
-INSTANTIATE_TEST_SUITE_P(Descriptors, ClosedElementRead, testing::Values(-1, FD_SETSIZE, FD_SETSIZE + 100));
+INSTANTIATE_TEST_SUITE_P(Descriptors, ClosedElementRead, testing::Values(-1, FD_SETSIZE, FD_SETSIZE + 100),
+                         [](const testing::TestParamInfo<int>& info) { return "Fd" + testsupport::signedName(info.param); });
 
 } // namespace

@@ -153,7 +153,8 @@ INSTANTIATE_TEST_SUITE_P(
     Steps, PlayFails,
     testing::Values(std::pair("open=ENOENT", "dev open failed"), std::pair("busy", "set format failed\n"),
                     std::pair("sfmt=EINVAL", "set format failed\n"),
-                    std::pair("qbuf=EIO", "v4l2_stream_on#v4l2_init_buffer() failed")));
+                    std::pair("qbuf=EIO", "v4l2_stream_on#v4l2_init_buffer() failed")),
+    ByFirst());
 
 TEST_F(Lifecycle, CaptureLoopThatCannotStreamWaitsForStop)
 {

@@ -11,6 +11,7 @@
 
 #include "Logger.h"
 #include "ElementProbe.h"
+#include "RowNames.h"
 #include "simcam/SimCamera.h"
 
 namespace testsupport {
