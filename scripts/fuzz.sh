@@ -1,17 +1,20 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets with clang (ASan+UBSan) in build-fuzz/ and runs each for
+# Builds the libFuzzer targets with clang (ASan+UBSan) in build-fuzz/ (under BUILD_ROOT,
+# default the checkout) and runs each for
 # FUZZ_SECONDS (default 60) from its checked-in corpus. New interesting inputs go to a
 # scratch corpus; a crash input is left in build-fuzz/crashes/<target>/ and fails the run:
 # copy it to fuzz/regressions/<target>/ once fixed, so the normal suites replay it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-dir=${BUILD_DIR:-$PWD/build-fuzz}
+# shellcheck source=scripts/lib/common.sh
+. scripts/lib/common.sh
+dir=$build_root/build-fuzz
 seconds=${FUZZ_SECONDS:-60}
-targets=(${FUZZ_TARGETS:-annexb hevccut modeltext camcapoptions})
+read -r -a targets <<< "${FUZZ_TARGETS:-annexb hevccut modeltext camcapoptions}"
 
 cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFUZZ=ON \
   -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
-cmake --build "$dir" -j "${JOBS:-$(nproc)}" --target "${targets[@]/#/fuzz_}"
+cmake --build "$dir" -j "$jobs" --target "${targets[@]/#/fuzz_}"
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
@@ -35,7 +38,7 @@ fuzz_one() {
 
 # One target per core at a time: each is single-threaded.
 status=0
-parallel=${JOBS:-$(nproc)}
+parallel=$jobs
 pids=()
 for t in "${targets[@]}"; do
   fuzz_one "$t" &

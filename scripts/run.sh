@@ -4,13 +4,14 @@
 # capture.h264, then checks the file with ffprobe. Arguments replace the default recording.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# shellcheck source=scripts/lib/common.sh
+. scripts/lib/common.sh
 bash scripts/install-deps.sh
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j "$(nproc)"
+native_build "$build_root/build"
 if [ $# -gt 0 ]; then
-  exec ./build/bin/camcap "$@"
+  exec "$build_root/build/bin/camcap" "$@"
 fi
-./build/bin/camcap --simulate h264 --size 1280x720 --duration 5 --output capture.h264 --overwrite
+"$build_root/build/bin/camcap" --simulate h264 --size 1280x720 --duration 5 --output capture.h264 --overwrite
 if command -v ffprobe >/dev/null; then
   frames=$(ffprobe -v error -count_frames -select_streams v:0 -show_entries stream=nb_read_frames \
            -of csv=p=0 -f h264 capture.h264)
