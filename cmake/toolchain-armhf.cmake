@@ -58,7 +58,7 @@ set(ENV{PKG_CONFIG_PATH} "")
 # Every target executable (tests, gtest_discover_tests, try_run) runs under qemu-user with
 # the sysroot as its library root; the host kernel has no binfmt entry for ARM here. -E
 # hands the same settings to the guest: the sysroot's preloaded shim
-# (scripts/armhf-qemu-shim.c) runs an ARM program a test exec()s through qemu with them,
+# (tools/qemu-shim) runs an ARM program a test exec()s through qemu with them,
 # and a test can tell from ARMHF_QEMU that it runs emulated.
 if(NOT DEFINED CMAKE_CROSSCOMPILING_EMULATOR)
   find_program(ARMHF_QEMU NAMES qemu-arm-static qemu-arm REQUIRED)
