@@ -173,7 +173,8 @@ struct DirectCase {
     const char* name;
     size_t payload;
     unsigned capacity;
-    bool empty;
+    const char* fault;  // model text
+    int result;
     int expectedSize;  // -1: untouched
 };
 
@@ -183,10 +184,10 @@ TEST_P(DirectRead, ReportsAndCopiesAtMostTheFramesCapacity)
 {
     const DirectCase& c = GetParam();
     const Bytes payload(c.payload, 0x5C);
-    stream(kMJPG, {payload}, c.empty ? "empty=1" : "");
+    stream(kMJPG, {payload}, c.fault);
     MediaFrame frame(c.capacity);
     frame.setSize(-1);
-    EXPECT_EQ(element->v4l2_get_one_frame(&frame), 0);
+    EXPECT_EQ(element->v4l2_get_one_frame(&frame), c.result);
     EXPECT_EQ(frame.size(), c.expectedSize);
     EXPECT_LE(frame.size(), int(frame.capacity()));
     if (c.expectedSize > 0) {
@@ -196,10 +197,11 @@ TEST_P(DirectRead, ReportsAndCopiesAtMostTheFramesCapacity)
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, DirectRead,
-                         testing::Values(DirectCase{"Fits", 1000, 4096, false, 1000},
-                                         DirectCase{"Exact", 4096, 4096, false, 4096},
-                                         DirectCase{"TooLarge", 4097, 4096, false, 0},
-                                         DirectCase{"Empty", 0, 4096, true, -1}),
+                         testing::Values(DirectCase{"Fits", 1000, 4096, "", 0, 1000},
+                                         DirectCase{"Exact", 4096, 4096, "", 0, 4096},
+                                         DirectCase{"TooLarge", 4097, 4096, "", 0, 0},
+                                         DirectCase{"Empty", 0, 4096, "empty=1", 0, -1},
+                                         DirectCase{"DequeueFails", 1000, 4096, "dqbuf=EIO", -1, -1}),
                          [](const testing::TestParamInfo<DirectCase>& info) { return std::string(info.param.name); });
 
 // ---- controls -------------------------------------------------------------------------
