@@ -187,11 +187,11 @@ TEST(Record, StandardOutputCarriesOnlyTheStream)
 }
 
 // Frame rates a camera offers (model text) and how camcap shows them.
-class FormatList : public testing::TestWithParam<std::pair<const char*, const char*>> {};
+class FormatList : public testing::TestWithParam<std::pair<std::string, std::string>> {};
 
 TEST_P(FormatList, ShowsTheSizesAUserWouldPickFromARangeWithTheirRatesAsTextAndJson)
 {
-    const QStringList args{"--simulate", QStringLiteral("mjpeg,size=160x120-1280x720:16x8,") + GetParam().first,
+    const QStringList args{"--simulate", QStringLiteral("mjpeg,size=160x120-1280x720:16x8,") + QString::fromStdString(GetParam().first),
                            "--list-formats"};
     const ToolRun text = camcap(args), json = camcap(args + QStringList{"--json"});
     ASSERT_EQ(text.exitCode + json.exitCode, 0) << qPrintable(text.err + json.err);
@@ -201,8 +201,8 @@ TEST_P(FormatList, ShowsTheSizesAUserWouldPickFromARangeWithTheirRatesAsTextAndJ
         QStringList rates;
         for (const QJsonValue& r : v["fps"].toArray())
             rates << r.toString();
-        EXPECT_EQ(rates.join(", "), GetParam().second);
-        EXPECT_TRUE(text.out.contains(QStringLiteral("mjpeg  %1 %2  %3").arg(w, 6).arg(h, 6).arg(GetParam().second).toUtf8()));
+        EXPECT_EQ(rates.join(", "), QString::fromStdString(GetParam().second));
+        EXPECT_TRUE(text.out.contains(QStringLiteral("mjpeg  %1 %2  %3").arg(w, 6).arg(h, 6).arg(QString::fromStdString(GetParam().second)).toUtf8()));
         sizes << QStringLiteral("%1x%2").arg(w).arg(h);
     }
     ASSERT_FALSE(sizes.isEmpty());
@@ -211,7 +211,10 @@ TEST_P(FormatList, ShowsTheSizesAUserWouldPickFromARangeWithTheirRatesAsTextAndJ
 }
 
 INSTANTIATE_TEST_SUITE_P(Rates, FormatList,
-                         testing::Values(std::make_pair("fps=30/15", "30, 15"), std::make_pair("fps=5-30", "5-30")),
-                         [](const auto& info) { return QString(info.param.first).remove(QRegExp("\\W")).toStdString(); });
+                         testing::Values(std::make_pair(std::string("fps=30/15"), std::string("30, 15")),
+                                         std::make_pair(std::string("fps=5-30"), std::string("5-30"))),
+                         [](const auto& info) {
+                             return QString::fromStdString(info.param.first).remove(QRegExp("\\W")).toStdString();
+                         });
 
 } // namespace
