@@ -182,6 +182,9 @@ TEST_F(Device, AdjustedSizeKeepsTheRequestAndTheIntervalIsReadBackOrLeftAlone)
     EXPECT_EQ(element->v4l2_set_format(), 0);
     EXPECT_EQ(probe.size(), std::pair(1920, 1080));
     EXPECT_EQ(probe.frameRate(), std::pair(25, 1));
+    // What was asked and what the driver set, the format named in letters too.
+    EXPECT_TRUE(log.contains("set format width=1920   height=1080  pixeformat=1196444237,MJPG"));
+    EXPECT_TRUE(log.contains("get format width=1280   height=720  pixeformat=1196444237,MJPG"));
 
     simcam::configure(camera(kMJPG, "fps=15", 1280, 720));
     simcam::modifyFaults([](simcam::Faults& f) { f.parmErrno = EINVAL; }, "video0");
