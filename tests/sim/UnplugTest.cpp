@@ -119,30 +119,6 @@ INSTANTIATE_TEST_SUITE_P(
                       UnplugCase{"OtherCameraReplugs", "cameras=2,cam1.replug=100,unplug=3", Unplug::AtDequeue, -1}),
     [](const auto& info) { return std::string(info.param.name); });
 
-// A USB reset or replug() before the time comes cancels the scheduled return: it must not
-// re-enumerate the camera a second time under the descriptors opened since.
-TEST_F(SimTest, AResetBeforeTheReplugTimeCancelsIt)
-{
-    ScopedModel model(std::string(kCamera) + ",replug=300");
-    for (bool reset : {true, false}) {
-        SCOPED_TRACE(reset ? "USBDEVFS_RESET" : "replug()");
-        unplug();
-        if (reset) {
-            UniqueFd usb(::open("/dev/bus/usb/001/002", O_RDWR));
-            ASSERT_GE(usb.get(), 0);
-            EXPECT_EQ(xioctl(usb.get(), USBDEVFS_RESET, nullptr), 0);
-        } else {
-            replug();
-        }
-        Stream s(kFourccMJPG, 320, 240);
-        ASSERT_EQ(s.error, 0) << s.failedAt;
-        const auto start = Clock::now();
-        while (msSince(start) < 600)
-            ASSERT_EQ(take(s, 1), 0) << "re-enumerated again at " << msSince(start) << " ms";
-    }
-    EXPECT_EQ(stats().replugTimers, 1);
-}
-
 // A blocking DQBUF that waits through a re-enumeration fails ENODEV, as the old device is
 // gone; that is not the unplug fault, and the camera that came back stays.
 TEST_F(SimTest, ADequeueWaitingThroughAResetDoesNotUnplugTheNewDevice)
@@ -164,24 +140,6 @@ TEST_F(SimTest, ADequeueWaitingThroughAResetDoesNotUnplugTheNewDevice)
     EXPECT_EQ(result, ENODEV);
     errno = 0;
     EXPECT_GE(UniqueFd(::open("/dev/video0", O_RDWR)).get(), 0) << "unplugged by an old descriptor: " << errno;
-}
-
-// The timer of a camera still away is joined at once when the model goes, and a return
-// it was waiting for never happens.
-TEST_F(SimTest, ReconfiguringJoinsAPendingReplugTimer)
-{
-    configure(std::string(kCamera) + ",replug=5000");
-    unplug();
-    EXPECT_EQ(stats().replugTimers, 1);
-    const auto start = Clock::now();
-    configure(std::string(kCamera) + ",replug=5000");
-    EXPECT_LT(msSince(start), 1000) << "the timer's wait is cut short";
-    EXPECT_EQ(stats().replugTimers, 0);
-    unplug();
-    const auto start2 = Clock::now();
-    clear();
-    EXPECT_LT(msSince(start2), 1000);
-    EXPECT_EQ(stats().replugTimers, 0);
 }
 
 // stallafter=N: N frames from each stream, then nothing while that stream runs; a new one
