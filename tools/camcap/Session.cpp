@@ -468,7 +468,9 @@ void Session::onRecorderDone()
     }
     if (m_files->diskFull()) {
         std::fprintf(stderr, "camcap: disk full: %s ends at its last complete %s\n", qPrintable(outputName()),
-                     m_options.container == QLatin1String("raw") ? "frame" : "fragment");
+                     m_options.container == QLatin1String("raw")   ? "frame"
+                     : m_options.container == QLatin1String("mkv") ? "cluster"
+                                                                    : "fragment");
         finish(EXIT_DISK_FULL, QStringLiteral("disk full"));
     } else {
         std::fprintf(stderr, "camcap: writing %s failed: %s\n", qPrintable(outputName()), qPrintable(m_files->error()));
