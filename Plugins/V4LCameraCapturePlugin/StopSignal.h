@@ -4,6 +4,7 @@
 // nobody raises it, both waits keep their full length.
 
 #include <sys/eventfd.h>
+#include <sys/select.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -19,6 +20,16 @@ public:
 
     // Readable while raised; -1 if the kernel gave no eventfd (waits then run their length).
     int fd() const { return m_event.get(); }
+
+    // Puts the descriptor into a select set, if there is one.
+    void addTo(fd_set& set) const
+    {
+        if (m_event)
+            FD_SET(m_event.get(), &set);
+    }
+
+    // True when select reported the descriptor readable: stop was asked for.
+    bool isIn(const fd_set& set) const { return m_event && FD_ISSET(m_event.get(), &set); }
 
     void raise()
     {

@@ -127,7 +127,7 @@ int V4LCameraCapturePlugin::setAttribute(QString key, QVariant value)
         m_width = format.width;
         m_height = format.height;
         if (format.codecType == CODEC_TYPE_H264) {
-            int fd = -1;
+            int fd;  // v4l2_dev_open sets it, -1 on failure
             v4l2_dev_open(&fd);
             QList<MediaFormat> offered;
             {

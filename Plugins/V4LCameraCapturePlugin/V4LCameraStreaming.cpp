@@ -191,8 +191,7 @@ int V4LCameraCapturePlugin::waitReadable(const char* caller)
     fd_set readSet;
     FD_ZERO(&readSet);
     FD_SET(m_fd, &readSet);
-    if (stopFd >= 0)
-        FD_SET(stopFd, &readSet);
+    m_stopSignal.addTo(readSet);
     timeval timeout{1, 0};
     const int ready = select(std::max(m_fd, stopFd) + 1, &readSet, nullptr, nullptr, &timeout);
     const int err = ready < 0 ? errno : 0;
@@ -200,7 +199,7 @@ int V4LCameraCapturePlugin::waitReadable(const char* caller)
         FD_ZERO(&readSet);
     if (FD_ISSET(m_fd, &readSet))
         return 0;
-    if (stopFd >= 0 && FD_ISSET(stopFd, &readSet))
+    if (m_stopSignal.isIn(readSet))
         return -ECANCELED;  // stopping: not a camera fault
     Logger::logger_printf(0, "%s:%d ERROR: select failed\n", caller, __LINE__);
     if (err)
