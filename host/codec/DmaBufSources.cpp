@@ -55,15 +55,17 @@ MappedDmaBuf mapShared(UniqueFd fd, size_t bytes)
     return buf;
 }
 
-UniqueFd heapAlloc(size_t bytes)
+UniqueFd heapAlloc(size_t bytes, std::string* device)
 {
     int error = ENOENT;
     for (const char* path : kHeapPaths) {
         UniqueFd heap(::open(path, O_RDWR | O_CLOEXEC));
         if (!heap) {
-            error = errno;
+            if (errno != ENOENT)
+                error = errno;
             continue;
         }
+        *device = path;
         dma_heap_allocation_data request{};
         request.len = bytes;
         request.fd_flags = O_RDWR | O_CLOEXEC;
@@ -86,9 +88,10 @@ UniqueFd memfdAlloc(size_t bytes, bool sealed)
     return memfd;
 }
 
-UniqueFd udmabufAlloc(size_t bytes)
+UniqueFd udmabufAlloc(size_t bytes, std::string* device)
 {
-    UniqueFd dev(::open("/dev/udmabuf", O_RDWR | O_CLOEXEC));
+    *device = "/dev/udmabuf";
+    UniqueFd dev(::open(device->c_str(), O_RDWR | O_CLOEXEC));
     if (!dev)
         return UniqueFd();
     UniqueFd memfd = memfdAlloc(bytes, true);
@@ -151,7 +154,7 @@ MappedDmaBuf drmAllocOn(const UniqueFd& card, size_t bytes)
 
 // The first /dev/dri/card* that makes one: vgem, or a board's display driver. (vgem has
 // dumb buffers but, having no modesetting, answers no DRM_CAP_DUMB_BUFFER query.)
-MappedDmaBuf drmAlloc(size_t bytes)
+MappedDmaBuf drmAlloc(size_t bytes, std::string* device)
 {
     int error = ENOENT;
     for (int i = 0; i < kDrmCards; ++i) {
@@ -163,6 +166,7 @@ MappedDmaBuf drmAlloc(size_t bytes)
                 error = errno;
             continue;
         }
+        *device = path;
         MappedDmaBuf buf = drmAllocOn(card, bytes);
         if (buf.valid())
             return buf;
@@ -199,12 +203,16 @@ MappedDmaBuf::~MappedDmaBuf()
 
 const char* dmaBufSourceName(DmaBufSource source) { return kSourceNames[int(source)]; }
 
-MappedDmaBuf allocateFrom(DmaBufSource source, size_t bytes)
+MappedDmaBuf allocateFrom(DmaBufSource source, size_t bytes, std::string* device)
 {
+    std::string ignored;
+    if (!device)
+        device = &ignored;
+    device->clear();
     switch (source) {
-    case DmaBufSource::DmaHeap: return mapShared(heapAlloc(bytes), bytes);
-    case DmaBufSource::Udmabuf: return mapShared(udmabufAlloc(bytes), bytes);
-    case DmaBufSource::Drm: return drmAlloc(bytes);
+    case DmaBufSource::DmaHeap: return mapShared(heapAlloc(bytes, device), bytes);
+    case DmaBufSource::Udmabuf: return mapShared(udmabufAlloc(bytes, device), bytes);
+    case DmaBufSource::Drm: return drmAlloc(bytes, device);
     case DmaBufSource::Memfd: return mapShared(memfdAlloc(bytes, false), bytes);
     }
     return MappedDmaBuf();

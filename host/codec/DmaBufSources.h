@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <atomic>
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "UniqueFd.h"
@@ -32,8 +33,9 @@ struct MappedDmaBuf {
 };
 
 // One allocation of `bytes` (a page multiple) from `source`; invalid (errno set) when the
-// source is missing or refuses.
-MappedDmaBuf allocateFrom(DmaBufSource source, size_t bytes);
+// source is missing or refuses. `device`, when given, is set to the device that served or
+// refused last (e.g. "/dev/dma_heap/system", "/dev/dri/card0"; "" for memfd).
+MappedDmaBuf allocateFrom(DmaBufSource source, size_t bytes, std::string* device = nullptr);
 
 // The sources to try, best first. `forced` is the value of MEDIAMEM_SOURCE: null or empty
 // for all of them, else the one it names; `ok` is false for a name no source has.

@@ -33,7 +33,8 @@ size_t pageRound(size_t bytes)
 
 DmaBufChooser& chooser()
 {
-    static DmaBufChooser instance(allocateFrom, [](DmaBufSource source) {
+    static DmaBufChooser instance([](DmaBufSource source, size_t bytes) { return allocateFrom(source, bytes); },
+                                  [](DmaBufSource source) {
         Logger::logger_printf(2, "%s:%d INFO: DMA-BUF capture memory from %s\n", "MediaMem", __LINE__,
                               dmaBufSourceName(source));
     });

@@ -1,7 +1,11 @@
 #include "DmabufMapping.h"
 
+#include "RealLibc.h"
+
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,6 +34,14 @@ bool bufferSize(int fd, struct stat& st, uint64_t& size)
 }
 
 } // namespace
+
+bool DmabufMapping::isMemfd(int fd)
+{
+    char link[64];
+    char target[64] = {};
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    return real::libc().readlink(link, target, sizeof target - 1) > 0 && std::strncmp(target, "/memfd:", 7) == 0;
+}
 
 std::optional<DmabufMapping> DmabufMapping::import(int fd, uint32_t length, uint32_t minLength,
                                                    int& error)

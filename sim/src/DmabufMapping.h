@@ -17,6 +17,8 @@ public:
     // is below `minLength`.
     static std::optional<DmabufMapping> import(int fd, uint32_t length, uint32_t minLength,
                                                int& error);
+    // A memfd, which no real driver imports: it is not a DMA-BUF.
+    static bool isMemfd(int fd);
 
     DmabufMapping(DmabufMapping&& other) noexcept;
     DmabufMapping& operator=(DmabufMapping&& other) noexcept;

@@ -464,6 +464,7 @@ const std::map<std::string, Setting>& settings()
              f.bytesusedExtra = uint32_t(i.number(v, 1, 1 << 30));
          })},
         {"nokeyctl", fault([](Faults& f, std::string_view, const Item&) { f.noKeyFrameControl = true; }, false)},
+        {"nomemfd", fault([](Faults& f, std::string_view, const Item&) { f.refuseMemfd = true; }, false)},
     };
     return table;
 }

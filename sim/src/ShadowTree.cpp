@@ -96,6 +96,8 @@ void ShadowTree::build(const Model& model)
             writeFile(numbersDir + "/busnum", bus + "\n");
             writeFile(numbersDir + "/devnum", std::to_string(camera.devnum) + "\n");
             writeFile(device + "/product", camera.card + "\n");
+            writeFile(device + "/idVendor", "1d6b\n");
+            writeFile(device + "/idProduct", "0102\n");
             touch(root / "dev/bus/usb" / threeDigits(camera.busnum) / threeDigits(camera.devnum));
         }
         for (size_t n = 0; n < camera.nodes.size(); ++n) {

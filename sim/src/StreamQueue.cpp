@@ -146,6 +146,8 @@ int StreamQueue::queueBuffer(v4l2_buffer& b)
         return f.streamQbufErrno;
 
     if (!buf.mapping || !buf.mapping->sameBuffer(b.m.fd, b.length)) {
+        if (f.refuseMemfd && DmabufMapping::isMemfd(b.m.fd))
+            return EINVAL;
         int error = 0;
         auto mapping = DmabufMapping::import(b.m.fd, b.length, minLength_, error);
         if (!mapping)

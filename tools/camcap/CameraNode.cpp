@@ -91,6 +91,16 @@ bool CameraNode::canCapture() const
     return caps & V4L2_CAP_VIDEO_CAPTURE;
 }
 
+double CameraNode::frameRate() const
+{
+    v4l2_streamparm parm;
+    std::memset(&parm, 0, sizeof parm);
+    parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    if (!m_fd || ioctl(m_fd.get(), VIDIOC_G_PARM, &parm) < 0 || parm.parm.capture.timeperframe.numerator == 0)
+        return 0;
+    return double(parm.parm.capture.timeperframe.denominator) / parm.parm.capture.timeperframe.numerator;
+}
+
 bool CameraNode::currentSize(int* width, int* height) const
 {
     v4l2_format format;

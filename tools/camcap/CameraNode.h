@@ -31,6 +31,8 @@ public:
     // size may be adjusted), else the errno of the refusal, or EINVAL when it answers with
     // another pixel format.
     int setFormat(uint32_t fourcc, int width, int height) const;
+    // The frame rate the camera is set to (VIDIOC_G_PARM); 0 when it does not say.
+    double frameRate() const;
     // The size the camera is set to deliver; false when it does not say.
     bool currentSize(int* width, int* height) const;
     QString path() const { return m_path; }

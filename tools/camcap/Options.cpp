@@ -70,6 +70,10 @@ QString usageText()
         "Loads the camera element plug-in as the host does and records what it delivers.\n\n"
         "  --plugin PATH        plug-in file (default: the build tree's)\n"
         "  --list-formats       print the camera's formats and exit\n"
+        "  --check              say whether the element can record from the camera here,\n"
+        "                       line by line with the reason and the fix (exit 0 or 10);\n"
+        "                       --format and --size choose what to check\n"
+        "  --check-seconds S    length of the check's recording (default 2)\n"
         "  --format F           h264 | mjpeg | hevc (passed through) or yuyv | nv12 (encoded\n"
         "                       to H.264 by the element); default h264\n"
         "  --size WxH           capture size (default: the camera's first for the format)\n"
@@ -103,7 +107,7 @@ QString usageText()
         "  -h, --help           this text\n\n"
         "Exit codes: 0 done, 2 usage, 3 plug-in missing, 4 no camera, 5 format refused,\n"
         "6 output not writable, 7 capture setup failed, 8 camera unplugged or stopped delivering,\n"
-        "9 disk full.\n");
+        "9 disk full, 10 the check found the element cannot record here.\n");
 }
 
 std::optional<Options> parseOptions(const QStringList& args, QString* error)
@@ -118,6 +122,17 @@ std::optional<Options> parseOptions(const QStringList& args, QString* error)
                 return std::nullopt;
         } else if (name == QLatin1String("--list-formats")) {
             o.listFormats = true;
+        } else if (name == QLatin1String("--check")) {
+            o.check = true;
+        } else if (name == QLatin1String("--check-seconds")) {
+            if (!takeValue(args, &i, &value, error))
+                return std::nullopt;
+            bool ok = false;
+            o.checkSeconds = value.toDouble(&ok);
+            if (!ok || !seconds(o.checkSeconds) || o.checkSeconds == 0 || o.checkSeconds > 3600) {
+                *error = QStringLiteral("bad check length '%1'").arg(value);
+                return std::nullopt;
+            }
         } else if (name == QLatin1String("--format")) {
             if (!takeValue(args, &i, &value, error))
                 return std::nullopt;
@@ -126,6 +141,7 @@ std::optional<Options> parseOptions(const QStringList& args, QString* error)
                 return std::nullopt;
             }
             o.format = value.toLower();
+            o.formatGiven = true;
         } else if (name == QLatin1String("--size")) {
             if (!takeValue(args, &i, &value, error))
                 return std::nullopt;

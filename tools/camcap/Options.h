@@ -15,12 +15,16 @@ enum ExitCode {
     EXIT_SETUP_FAILED = 7,
     EXIT_CAMERA_LOST = 8,
     EXIT_DISK_FULL = 9,
+    EXIT_CHECK_FAILED = 10,  // --check: the element cannot record from the camera here
 };
 
 struct Options {
     QString pluginPath;
     bool listFormats = false;
+    bool check = false;        // report whether the element can record here, then exit
+    double checkSeconds = 2;   // length of the check's recording
     QString format = QStringLiteral("h264");  // h264 | mjpeg | hevc | yuyv | nv12
+    bool formatGiven = false;
     int width = 0;                            // 0: the camera's first size for the format
     int height = 0;
     double durationSeconds = 0;  // 0: until --frames, or until interrupted

@@ -78,6 +78,8 @@ void Recorder::measureInterval(int64_t timeUs)
     m_previousUs = timeUs;
     if (delta <= 0)
         return;
+    if (delta > m_largestGapUs.load())
+        m_largestGapUs = delta;
     const bool usual = m_intervalUs == 0 || (delta < 4 * m_intervalUs && 4 * delta > m_intervalUs);
     if (usual || ++m_outliers >= 8) {
         m_intervalUs = usual && m_intervalUs ? (7 * m_intervalUs + delta) / 8 : delta;

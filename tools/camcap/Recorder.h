@@ -53,6 +53,8 @@ public:
     // Where the recorded frames end: the last one's time plus a frame interval; -1 before the
     // first. What a file of them lasts, whenever the run is told to stop.
     int64_t recordedUntilUs() const { return m_recordedUntilUs.load(); }
+    // The longest time between two recorded frames (a camera that was away included).
+    int64_t largestGapUs() const { return m_largestGapUs.load(); }
 
     static int64_t nowUs();
 
@@ -83,5 +85,6 @@ private:
     std::atomic<int64_t> m_firstUs{-1};
     std::atomic<int64_t> m_lastUs{-1};
     std::atomic<int64_t> m_recordedUntilUs{-1};
+    std::atomic<int64_t> m_largestGapUs{0};
     std::thread m_thread;
 };

@@ -15,6 +15,8 @@
 #include <cstring>
 
 #include "CameraNode.h"
+#include "Codecs.h"
+#include "Codec/MediaMem.h"
 #include "FrameSink.h"
 #include "IMediaElement.h"
 #include "MediaPin.h"
@@ -32,36 +34,9 @@ void onSignal(int)
     [[maybe_unused]] ssize_t n = ::write(g_signalWrite, &byte, 1);
 }
 
-struct CodecName {
-    int codec;
-    const char* name;
-    uint32_t fourcc;
-};
-const CodecName kCodecNames[] = {{CODEC_TYPE_H264, "h264", 0x34363248}, {CODEC_TYPE_HEVC, "hevc", 0x43564548},
-                                 {CODEC_TYPE_MJPEG, "mjpeg", 0x47504a4d}, {CODEC_TYPE_YUYV, "yuyv", 0x56595559},
-                                 {CODEC_TYPE_NV12, "nv12", 0x3231564e}};
+using codecs::kNegotiationOrder;
 
-const CodecName* codecEntry(int codec)
-{
-    for (const CodecName& c : kCodecNames)
-        if (c.codec == codec)
-            return &c;
-    return nullptr;
-}
-
-QString codecName(int codec)
-{
-    const CodecName* c = codecEntry(codec);
-    return c ? QString::fromLatin1(c->name) : QString::number(codec);
-}
-
-int codecOf(const QString& name)
-{
-    for (const CodecName& c : kCodecNames)
-        if (name == QLatin1String(c.name))
-            return c.codec;
-    return -1;
-}
+QString codecName(int codec) { return codecs::name(codec); }
 
 // Whether the camera offers `codec` at w x h; at any size when w is 0.
 bool offers(const QList<MediaFormat>& formats, int codec, int w = 0, int h = 0)
@@ -78,9 +53,6 @@ constexpr int64_t kStartupGraceUs = 10000000;
 // The element ends the process after 300 failed reads in a row, one a second at most on a
 // silent camera: camcap calls a stall well before, whatever --stall-timeout says.
 constexpr double kElementPatienceSeconds = 240;
-
-// The element answers an H.264 request with the first of these the camera has at the size.
-const int kNegotiationOrder[] = {CODEC_TYPE_H264, CODEC_TYPE_NV12, CODEC_TYPE_YUYV, CODEC_TYPE_MJPEG};
 
 // "it offers hevc, mjpeg", for a refusal to point the user at what would work.
 QString offered(const QList<MediaFormat>& formats)
@@ -113,7 +85,7 @@ QJsonArray Session::formatList(const QList<MediaFormat>& formats) const
 {
     QJsonArray list;
     for (const MediaFormat& f : formats) {
-        const CodecName* c = codecEntry(f.codecType);
+        const codecs::Codec* c = codecs::byCodec(f.codecType);
         const QStringList rates = c ? m_node->frameRates(c->fourcc, f.width, f.height) : QStringList();
         list.append(QJsonObject{{QStringLiteral("codec"), codecName(f.codecType)},
                                 {QStringLiteral("width"), f.width},
@@ -148,7 +120,7 @@ int Session::listFormats(const QList<MediaFormat>& formats)
 
 int Session::chooseFormat(const QList<MediaFormat>& formats)
 {
-    const int wanted = codecOf(m_options.format);
+    const int wanted = codecs::byName(m_options.format);
     // The element asks the driver for what it is told; a driver without the format answers
     // with another, which would be recorded under the wrong name. H.264 is negotiated.
     const bool negotiable = std::any_of(std::begin(kNegotiationOrder), std::end(kNegotiationOrder),
@@ -245,7 +217,7 @@ int Session::classifyPlayFailure()
     const CameraNode node;
     if (!node.opened() || !node.canCapture())
         return EXIT_NO_CAMERA;
-    const CodecName* capture = codecEntry(m_captureCodec);
+    const codecs::Codec* capture = codecs::byCodec(m_captureCodec);
     if (capture && node.setFormat(capture->fourcc, m_options.width, m_options.height) != 0)
         return EXIT_FORMAT_REFUSED;
     return EXIT_SETUP_FAILED;
@@ -512,6 +484,9 @@ void Session::printSummary(int code)
         {QStringLiteral("frames"), m_recorder ? double(m_recorder->frames()) : 0.0},
         {QStringLiteral("bytes"), m_recorder ? double(m_recorder->bytes()) : 0.0},
         {QStringLiteral("seconds"), first < 0 ? 0.0 : seconds(m_recorder->recordedUntilUs() - first)},
+        {QStringLiteral("largest_gap"), m_recorder ? seconds(m_recorder->largestGapUs()) : 0.0},
+        {QStringLiteral("rate"), m_node ? m_node->frameRate() : 0.0},
+        {QStringLiteral("memory"), QString::fromLatin1(Codec::MediaMem::dmaSourceName())},
         {QStringLiteral("waits"), double(pin.lagging)},
         {QStringLiteral("drops"), double(pin.refused)},
         {QStringLiteral("files"), QJsonArray::fromStringList(m_files ? m_files->files() : QStringList())},

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "CameraCheck.h"
 #include "ElementLoader.h"
 #include "IMediaElement.h"
 #include "Logger.h"
@@ -59,6 +60,9 @@ int main(int argc, char** argv)
     Logger::setThreshold(options->verbosity >= 4 ? 4 : -1);
     g_verbosity = options->verbosity;
     qInstallMessageHandler(filterQtMessages);
+
+    if (options->check)
+        return CameraCheck(*options, QCoreApplication::applicationFilePath()).run();
 
     ElementLoader loader(options->pluginPath.isEmpty() ? ElementLoader::defaultPluginPath() : options->pluginPath);
     IMediaElement* element = loader.load();

@@ -82,6 +82,8 @@ struct Faults {
     int dqbufErrno = 0;     // VIDIOC_DQBUF fails (ENODEV: the camera unplugs then) ...
     int dqbufAfter = 0;     // ... once this many frames were dequeued
     bool noKeyFrameControl = false; // V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME is absent (EINVAL)
+    bool refuseMemfd = false;       // VIDIOC_QBUF refuses a memfd (EINVAL), as every real driver
+                                    // does: only a DMA-BUF (heap, udmabuf, DRM) is taken
     uint32_t bytesusedExtra = 0;    // a buggy driver: bytesused claims this many bytes more
     int badIndex = -1;              // a buggy driver: DQBUF reports this index (-1: the real one)
 };
