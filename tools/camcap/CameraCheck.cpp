@@ -252,7 +252,7 @@ CameraCheck::Line CameraCheck::checkFormats()
             use = QStringLiteral("encoded to h264 by the element");
         else
             use = QStringLiteral("passed through");
-        if (f.codec == m_captureCodec)
+        if (f.codec >= 0 && f.codec == m_captureCodec)
             use += QStringLiteral(" <- checked");
         line.details << QStringLiteral("%1 %2: %3 at %4 fps: %5")
                             .arg(check::fourccText(f.fourcc), f.description, sizes.join(QLatin1Char(' ')),
