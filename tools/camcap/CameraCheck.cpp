@@ -156,7 +156,8 @@ CameraCheck::Line CameraCheck::checkNodes()
     m_nodes = check::surveyNodes();
     QJsonArray list;
     for (const NodeInfo& n : m_nodes) {
-        QString detail = QStringLiteral("%1  %2").arg(n.path, n.openErrno ? whatItIs(n) : n.kinds());
+        QString detail = n.linkTo.isEmpty() ? n.path : QStringLiteral("%1 -> %2").arg(n.path, n.linkTo);
+        detail += QStringLiteral("  ") + (n.openErrno ? whatItIs(n) : n.kinds());
         if (&n == &m_nodes.first())
             detail += QStringLiteral(" (the element's)");
         if (!n.driver.isEmpty())
@@ -165,6 +166,7 @@ CameraCheck::Line CameraCheck::checkNodes()
             detail += QStringLiteral("  usb %1").arg(n.usbId);
         line.details << detail;
         list.append(QJsonObject{{QStringLiteral("path"), n.path},
+                                {QStringLiteral("link_to"), n.linkTo.isEmpty() ? QJsonValue() : QJsonValue(n.linkTo)},
                                 {QStringLiteral("driver"), n.driver},
                                 {QStringLiteral("card"), n.card},
                                 {QStringLiteral("bus"), n.bus},
@@ -204,8 +206,8 @@ CameraCheck::Line CameraCheck::checkNodes()
     } else {
         line.text = QStringLiteral("%1 %2; the camera is %3, which the element does not open")
                         .arg(first.path, whatItIs(first), camera);
-        line.fix = QStringLiteral("the element opens the lowest-numbered /dev/video*: give the camera that number "
-                                  "(a udev rule, see docs/deploying.md) or load the other driver after it");
+        line.fix = QStringLiteral("the element opens the lowest-numbered /dev/video*: link the camera as /dev/video-1 "
+                                  "(a udev rule, docs/deploying.md) or load %1's driver after the camera's").arg(first.path);
     }
     return line;
 }
@@ -504,14 +506,16 @@ CameraCheck::Line CameraCheck::checkRecording()
                                    : QStringLiteral("not decoded (%1)").arg(error);
     line.json.insert(QStringLiteral("decoded_frames"), decodable ? QJsonValue(double(decoded.frames)) : QJsonValue());
     line.json.insert(QStringLiteral("decode_errors"), decodable ? QJsonValue(double(decoded.errors)) : QJsonValue());
-    line.text = QStringLiteral("%1 frames in %2 s (%3 fps, %4 negotiated), largest gap %5 ms, %6, %7 ms CPU a frame")
+    line.text = QStringLiteral("%1 frames in %2 s (%3 fps, %4 negotiated), largest gap %5 ms, %6, %7 ms CPU a frame, "
+                               "memory from %8")
                     .arg(frames)
                     .arg(seconds, 0, 'f', 1)
                     .arg(fps, 0, 'f', 1)
                     .arg(m_rate, 0, 'g', 4)
                     .arg(gap * 1000, 0, 'f', 0)
                     .arg(decodeText)
-                    .arg(run.cpuSeconds * 1000 / frames, 0, 'f', 2);
+                    .arg(run.cpuSeconds * 1000 / frames, 0, 'f', 2)
+                    .arg(m_usedSource);
     if (decodable && decoded.frames == 0) {
         line.verdict = Verdict::No;
         line.text += QStringLiteral(": the stream does not decode");

@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 
 #include <QDir>
+#include <algorithm>
+#include <vector>
 #include <QFile>
 #include <cerrno>
 #include <cstring>
@@ -21,21 +23,29 @@ QString rate(const v4l2_fract& interval)
 
 } // namespace
 
+QStringList CameraNode::videoNodes()
+{
+    struct Entry {
+        int key;
+        QString path;
+    };
+    std::vector<Entry> entries;
+    const QDir dev(QStringLiteral("/dev"));
+    for (const QString& name : dev.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)) {
+        if (name.startsWith(QLatin1String("video"), Qt::CaseInsensitive))
+            entries.push_back({name.mid(5).toInt(), QStringLiteral("/dev/") + name});
+    }
+    std::stable_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) { return a.key < b.key; });
+    QStringList paths;
+    for (const Entry& e : entries)
+        paths << e.path;
+    return paths;
+}
+
 QString CameraNode::elementNode()
 {
-    QString best = QStringLiteral("/dev/video0");
-    int bestNumber = -1;
-    const QDir dev(QStringLiteral("/dev"));
-    for (const QString& name : dev.entryList(QDir::System | QDir::Files | QDir::NoDotAndDotDot)) {
-        if (!name.startsWith(QLatin1String("video"), Qt::CaseInsensitive))
-            continue;
-        const int number = name.mid(5).toInt();
-        if (bestNumber < 0 || number < bestNumber) {
-            bestNumber = number;
-            best = QStringLiteral("/dev/") + name;
-        }
-    }
-    return best;
+    const QStringList nodes = videoNodes();
+    return nodes.isEmpty() ? QStringLiteral("/dev/video0") : nodes.first();
 }
 
 CameraNode::CameraNode(const QString& path)

@@ -11,7 +11,10 @@
 
 class CameraNode {
 public:
-    // The node the element opens: the lowest-numbered /dev entry whose name starts "video".
+    // Every /dev entry whose name starts "video" (any case; links and all), in the element's
+    // order: by the number after "video" (none or not a number: 0; "video-1": -1).
+    static QStringList videoNodes();
+    // The node the element opens: the first of those.
     static QString elementNode();
 
     explicit CameraNode(const QString& path = elementNode());

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <vector>
 
+#include "CameraNode.h"
 #include "Codecs.h"
 #include "UniqueFd.h"
 
@@ -48,7 +49,8 @@ QString readLine(const QString& path)
 // is the device with bus and device numbers and the ids.
 void findUsbDevice(NodeInfo* node)
 {
-    const QFileInfo link(QStringLiteral("/sys/class/video4linux/") + QFileInfo(node->path).fileName());
+    const QString name = QFileInfo(node->linkTo.isEmpty() ? node->path : node->linkTo).fileName();
+    const QFileInfo link(QStringLiteral("/sys/class/video4linux/") + name);
     QDir dir(link.isSymLink() ? link.symLinkTarget() : link.absoluteFilePath());
     for (int up = 0; up < 3 && dir.cdUp(); ++up) {
         if (up < 1 || !dir.exists(QStringLiteral("busnum")) || !dir.exists(QStringLiteral("devnum")))
@@ -151,13 +153,12 @@ QString fourccText(uint32_t fourcc)
 QList<NodeInfo> surveyNodes()
 {
     QList<NodeInfo> nodes;
-    const QDir dev(QStringLiteral("/dev"));
-    for (const QString& name : dev.entryList(QDir::System | QDir::Files | QDir::NoDotAndDotDot)) {
-        if (!name.startsWith(QLatin1String("video"), Qt::CaseInsensitive))
-            continue;
+    for (const QString& path : CameraNode::videoNodes()) {
         NodeInfo node;
-        node.path = QStringLiteral("/dev/") + name;
-        node.number = name.mid(5).toInt();
+        node.path = path;
+        const QFileInfo info(path);
+        if (info.isSymLink())
+            node.linkTo = info.symLinkTarget();
         findUsbDevice(&node);
         const UniqueFd fd(::open(QFile::encodeName(node.path).constData(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
         v4l2_capability cap{};
@@ -177,7 +178,6 @@ QList<NodeInfo> surveyNodes()
         node.metadata = caps & (V4L2_CAP_META_CAPTURE | V4L2_CAP_META_OUTPUT);
         nodes << node;
     }
-    std::sort(nodes.begin(), nodes.end(), [](const NodeInfo& a, const NodeInfo& b) { return a.number < b.number; });
     return nodes;
 }
 

@@ -14,7 +14,7 @@ namespace check {
 
 struct NodeInfo {
     QString path;
-    int number = -1;     // N of /dev/videoN
+    QString linkTo;      // the node a link such as /dev/video-1 points to
     int openErrno = 0;   // why it could not be opened
     QString driver, card, bus;
     bool capture = false, output = false, m2m = false, metadata = false;
@@ -23,7 +23,7 @@ struct NodeInfo {
     QString kinds() const;  // "capture", "output, metadata", ...
 };
 
-// Every /dev/video* in numeric order; the element opens the first.
+// Every /dev/video* in the element's order; it opens the first.
 QList<NodeInfo> surveyNodes();
 
 struct SizeInfo {
