@@ -1,27 +1,19 @@
 #include "CameraNode.h"
 
+#include "CheckProbes.h"
+
 #include <fcntl.h>
 #include <linux/videodev2.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
 #include <QDir>
+#include <QFile>
 #include <algorithm>
 #include <vector>
-#include <QFile>
 #include <cerrno>
 #include <cstring>
 
-namespace {
-
-QString rate(const v4l2_fract& interval)
-{
-    if (interval.numerator == 0)
-        return QStringLiteral("?");
-    return QString::number(double(interval.denominator) / interval.numerator, 'g', 4);
-}
-
-} // namespace
 
 QStringList CameraNode::videoNodes()
 {
@@ -55,21 +47,7 @@ CameraNode::CameraNode(const QString& path)
 
 QStringList CameraNode::frameRates(uint32_t fourcc, int width, int height) const
 {
-    QStringList rates;
-    v4l2_frmivalenum e;
-    std::memset(&e, 0, sizeof e);
-    e.pixel_format = fourcc;
-    e.width = uint32_t(width);
-    e.height = uint32_t(height);
-    for (; m_fd && ioctl(m_fd.get(), VIDIOC_ENUM_FRAMEINTERVALS, &e) == 0; ++e.index) {
-        if (e.type != V4L2_FRMIVAL_TYPE_DISCRETE) {
-            // Longest interval is the lowest rate.
-            rates << rate(e.stepwise.max) + QLatin1Char('-') + rate(e.stepwise.min);
-            break;
-        }
-        rates << rate(e.discrete);
-    }
-    return rates;
+    return check::frameRates(m_fd.get(), fourcc, uint32_t(width), uint32_t(height));
 }
 
 bool CameraNode::requestKeyFrame() const

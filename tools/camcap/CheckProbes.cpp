@@ -70,26 +70,7 @@ QString rate(const v4l2_fract& interval)
 {
     if (interval.numerator == 0)
         return QStringLiteral("?");
-    return interval.denominator % interval.numerator == 0
-               ? QString::number(interval.denominator / interval.numerator)
-               : QString::number(double(interval.denominator) / interval.numerator, 'g', 4);
-}
-
-QStringList ratesAt(int fd, uint32_t fourcc, uint32_t width, uint32_t height)
-{
-    QStringList rates;
-    v4l2_frmivalenum e{};
-    e.pixel_format = fourcc;
-    e.width = width;
-    e.height = height;
-    for (; xioctl(fd, VIDIOC_ENUM_FRAMEINTERVALS, &e) == 0; ++e.index) {
-        if (e.type != V4L2_FRMIVAL_TYPE_DISCRETE) {
-            rates << rate(e.stepwise.max) + QLatin1Char('-') + rate(e.stepwise.min);
-            break;
-        }
-        rates << rate(e.discrete);
-    }
-    return rates;
+    return QString::number(double(interval.denominator) / interval.numerator, 'g', 4);
 }
 
 QList<SizeInfo> sizesOf(int fd, uint32_t fourcc)
@@ -103,7 +84,7 @@ QList<SizeInfo> sizesOf(int fd, uint32_t fourcc)
             size.width = int(e.discrete.width);
             size.height = int(e.discrete.height);
             size.text = QStringLiteral("%1x%2").arg(size.width).arg(size.height);
-            size.rates = ratesAt(fd, fourcc, e.discrete.width, e.discrete.height);
+            size.rates = frameRates(fd, fourcc, e.discrete.width, e.discrete.height);
             sizes << size;
             continue;
         }
@@ -113,7 +94,7 @@ QList<SizeInfo> sizesOf(int fd, uint32_t fourcc)
         size.text = QStringLiteral("%1x%2-%3x%4").arg(s.min_width).arg(s.min_height).arg(s.max_width).arg(s.max_height);
         size.text += e.type == V4L2_FRMSIZE_TYPE_CONTINUOUS ? QStringLiteral(" (any size)")
                                                             : QStringLiteral(" step %1x%2").arg(s.step_width).arg(s.step_height);
-        size.rates = ratesAt(fd, fourcc, s.max_width, s.max_height);
+        size.rates = frameRates(fd, fourcc, s.max_width, s.max_height);
         sizes << size;
         break;
     }
@@ -127,6 +108,24 @@ bool waitReadable(int fd, int ms)
 }
 
 } // namespace
+
+QStringList frameRates(int fd, uint32_t fourcc, uint32_t width, uint32_t height)
+{
+    QStringList rates;
+    v4l2_frmivalenum e{};
+    e.pixel_format = fourcc;
+    e.width = width;
+    e.height = height;
+    for (; fd >= 0 && xioctl(fd, VIDIOC_ENUM_FRAMEINTERVALS, &e) == 0; ++e.index) {
+        if (e.type != V4L2_FRMIVAL_TYPE_DISCRETE) {
+            // The longest interval is the lowest rate.
+            rates << rate(e.stepwise.max) + QLatin1Char('-') + rate(e.stepwise.min);
+            break;
+        }
+        rates << rate(e.discrete);
+    }
+    return rates;
+}
 
 QString NodeInfo::kinds() const
 {

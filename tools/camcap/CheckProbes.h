@@ -40,6 +40,8 @@ struct FormatInfo {
 };
 
 QList<FormatInfo> listFormats(const QString& node);
+// The frame rates a node offers at a size, e.g. {"30", "15"} or {"5-30"} for a range.
+QStringList frameRates(int fd, uint32_t fourcc, uint32_t width, uint32_t height);
 QString fourccText(uint32_t fourcc);
 
 // One DMA-BUF source tried on a node: allocated here, imported by the driver, streamed.

@@ -1,7 +1,7 @@
 #!/bin/bash
 # camcap --check against real drivers, each case then proven by what the element does:
 #   output-first  vivid with an output-only node as /dev/video0 and a camera as /dev/video1:
-#                 "no", naming the camera's node
+#                 "no", naming the camera's node; "ok" once a link /dev/video-1 names the camera
 #   contiguous    vivid on videobuf2-dma-contig: udmabuf's scattered pages refused at
 #                 VIDIOC_QBUF, the DMA heap or DRM dumb buffers imported; the source the check
 #                 names is the one the recording through the element really uses
@@ -35,6 +35,13 @@ case_output_first() {
   check_eq "output first: the verdict names the camera's node" \
     "verdict    no: /dev/video0 is an output device (vivid), not a camera; the camera is /dev/video1, which the element does not open" \
     "$(line verdict)"
+  # The fix of docs/deploying.md: a link named video-1 sorts before every kernel node.
+  ln -s video1 /dev/video-1
+  run_check output-first-linked
+  check_eq "output first, camera linked as /dev/video-1: the check says ok (exit 0)" 0 "$CHECK_STATUS"
+  check "output first, camera linked: the element's node is the link" \
+    grep -qE "^ +/dev/video-1 -> /dev/video1  capture \(the element's\)" "$CHECK"
+  rm -f /dev/video-1
   modprobe -r vivid
 }
 
