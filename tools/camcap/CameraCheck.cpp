@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,6 +19,7 @@
 
 #include "Codecs.h"
 #include "ContainerModule.h"
+#include "UniqueFd.h"
 
 extern char** environ;
 
@@ -102,11 +102,6 @@ ChildRun runChild(const QStringList& argv, const QString& dir, std::chrono::mill
     ChildRun run;
     const QByteArray outPath = QFile::encodeName(dir + QStringLiteral("/stdout"));
     const QByteArray errPath = QFile::encodeName(dir + QStringLiteral("/stderr"));
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, outPath.constData(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, errPath.constData(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     QList<QByteArray> storage;
     std::vector<char*> args;
     for (const QString& a : argv)
@@ -114,11 +109,26 @@ ChildRun runChild(const QStringList& argv, const QString& dir, std::chrono::mill
     for (QByteArray& a : storage)
         args.push_back(a.data());
     args.push_back(nullptr);
-    pid_t pid = -1;
-    run.spawnErrno = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (run.spawnErrno)
+    // fork and execve rather than posix_spawn: an emulator's preloaded shim catches execve.
+    const UniqueFd in(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const UniqueFd out(::open(outPath.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    const UniqueFd err(::open(errPath.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    if (!in || !out || !err) {
+        run.spawnErrno = errno;
         return run;
+    }
+    const pid_t pid = fork();
+    if (pid < 0) {
+        run.spawnErrno = errno;
+        return run;
+    }
+    if (pid == 0) {
+        // Only async-signal-safe calls between fork and exec.
+        if (dup2(in.get(), 0) < 0 || dup2(out.get(), 1) < 0 || dup2(err.get(), 2) < 0)
+            _exit(127);
+        execve(args[0], args.data(), environ);
+        _exit(127);
+    }
     const auto start = std::chrono::steady_clock::now();
     int signalled = 0;
     int status = 0;
@@ -137,11 +147,11 @@ ChildRun runChild(const QStringList& argv, const QString& dir, std::chrono::mill
     run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     run.cpuSeconds = double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
                      double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-    QFile out(QFile::decodeName(outPath)), err(QFile::decodeName(errPath));
-    if (out.open(QIODevice::ReadOnly))
-        run.out = out.readAll();
-    if (err.open(QIODevice::ReadOnly))
-        run.err = err.readAll();
+    QFile outFile(QFile::decodeName(outPath)), errFile(QFile::decodeName(errPath));
+    if (outFile.open(QIODevice::ReadOnly))
+        run.out = outFile.readAll();
+    if (errFile.open(QIODevice::ReadOnly))
+        run.err = errFile.readAll();
     return run;
 }
 
@@ -463,9 +473,10 @@ CameraCheck::Line CameraCheck::checkRecording()
         argv << QStringLiteral("--plugin") << m_options.pluginPath;
     const auto deadline = std::chrono::milliseconds(int64_t(m_options.checkSeconds * 1000) + 8000);
     const ChildRun run = runChild(argv, dir.path(), deadline);
-    if (run.spawnErrno) {
+    if (run.spawnErrno || run.status == 127) {
         line.verdict = Verdict::Skipped;
-        line.text = QStringLiteral("camcap could not run again for it (%1)").arg(errnoName(run.spawnErrno));
+        line.text = QStringLiteral("camcap could not run again for it (%1)")
+                        .arg(run.spawnErrno ? errnoName(run.spawnErrno) : QStringLiteral("exec failed"));
         return line;
     }
     const QJsonObject summary = QJsonDocument::fromJson(run.out).object().value(QStringLiteral("summary")).toObject();
