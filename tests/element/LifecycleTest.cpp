@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <thread>
 
+#include <unistd.h>
+
 #include "SimElementFixture.h"
 
 namespace {
@@ -92,6 +94,28 @@ TEST_F(Lifecycle, PlayStreamsUntilStopAndEveryPlayOpensAfresh)
     twice.insert(twice.end(), order.begin(), order.end());
     EXPECT_EQ(seen, twice);
     EXPECT_EQ(loopEndedInsideJoin, 2);
+}
+
+// A daemon may run with its standard input closed: the camera then opens as descriptor 0,
+// which is a descriptor like any other.
+TEST_F(Lifecycle, CameraOpenedAsDescriptorZeroStreams)
+{
+    useCamera(kH264);
+    element->initialize();
+    const int stdinCopy = ::dup(0);
+    ASSERT_GE(stdinCopy, 0);
+    ::close(0);
+    const int played = element->play();
+    const int fd = probe.fd();
+    const bool streamed = simcam::waitForFrames(10, std::chrono::seconds(5));
+    element->stop();
+    ::dup2(stdinCopy, 0);
+    ::close(stdinCopy);
+    ASSERT_EQ(played, 0);
+    EXPECT_EQ(fd, 0);
+    EXPECT_TRUE(streamed);
+    EXPECT_EQ(probe.fd(), -1);
+    EXPECT_EQ(simcam::stats().openDescriptors, 0);
 }
 
 // The capture thread sits in its 1 s device wait (stalled camera) or its 3 s pause after a
