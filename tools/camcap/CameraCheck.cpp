@@ -11,6 +11,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QTemporaryDir>
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -264,6 +265,9 @@ CameraCheck::Line CameraCheck::checkFormats()
             use = QStringLiteral("encoded to h264 by the element");
         else
             use = QStringLiteral("passed through");
+        const auto rank = std::find(std::begin(codecs::kNegotiationOrder), std::end(codecs::kNegotiationOrder), f.codec);
+        if (rank != std::end(codecs::kNegotiationOrder))
+            use += QStringLiteral(", choice %1 for h264").arg(rank - std::begin(codecs::kNegotiationOrder) + 1);
         if (f.codec >= 0 && f.codec == m_captureCodec)
             use += QStringLiteral(" <- checked");
         line.details << QStringLiteral("%1 %2: %3 at %4 fps: %5")
