@@ -93,6 +93,7 @@ struct ChildRun {
     int status = -1;       // exit status, or -1 when it could not run or was killed
     int spawnErrno = 0;
     double cpuSeconds = 0;
+    double seconds = 0;    // how long it ran
     QByteArray out, err;
 };
 
@@ -146,6 +147,7 @@ ChildRun runChild(const QStringList& argv, const QString& dir, std::chrono::mill
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     run.cpuSeconds = double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
                      double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
     QFile outFile(QFile::decodeName(outPath)), errFile(QFile::decodeName(errPath));
@@ -294,7 +296,7 @@ CameraCheck::Line CameraCheck::checkFormats()
     m_fourcc = chosen->fourcc;
     m_width = m_options.width ? m_options.width : chosen->sizes.first().width;
     m_height = m_options.height ? m_options.height : chosen->sizes.first().height;
-    m_options.format = codecs::name(request == CODEC_TYPE_H264 && !m_options.formatGiven ? CODEC_TYPE_H264 : request);
+    m_options.format = codecs::name(request);
     m_delivered = codecs::isRaw(m_captureCodec)
                       ? QStringLiteral("h264 (encoded from %1)").arg(codecs::name(m_captureCodec))
                       : codecs::name(m_captureCodec);
@@ -509,7 +511,7 @@ CameraCheck::Line CameraCheck::checkRecording()
                     : run.status == EXIT_NO_CAMERA      ? QStringLiteral("the element found no camera (camcap exit 4)")
                                                         : QStringLiteral("%1 delivered no frame in %2 s through the element")
                                                          .arg(m_node->path)
-                                                         .arg(m_options.checkSeconds);
+                                                         .arg(run.seconds, 0, 'f', 1);
         line.fix = QStringLiteral("camcap -v --duration 2 shows the element's log");
         return line;
     }
