@@ -74,6 +74,7 @@ TEST_F(Lifecycle, PlayStreamsUntilStopAndEveryPlayOpensAfresh)
         EXPECT_EQ(simcam::stats().opens.size(), size_t(round));
     }
     EXPECT_EQ(log.count("V4LCameraCapturePlugin alredy be playing", 0), 2);
+    EXPECT_FALSE(log.contains("off stream failed", 0));  // a healthy camera stops cleanly
     // Teardown order: threads joined (the loop ends while stop waits for it), streaming
     // off, buffers released, device closed.
     const std::vector<std::string> order = {"v4l2 stop begin \n", "thread stop\n", "thread stop end\n",
