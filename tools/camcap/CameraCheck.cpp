@@ -251,6 +251,7 @@ CameraCheck::Line CameraCheck::checkFormats()
         m_captureCodec = wanted;
     }
     QJsonArray list;
+    QStringList others;
     for (const check::FormatInfo& f : m_formats) {
         QStringList sizes;
         QJsonArray jsonSizes;
@@ -260,21 +261,20 @@ CameraCheck::Line CameraCheck::checkFormats()
                                          {QStringLiteral("fps"), QJsonArray::fromStringList(s.rates)}});
         }
         const QStringList rates = f.sizes.isEmpty() ? QStringList() : f.sizes.first().rates;
-        QString use;
-        if (f.codec < 0)
-            use = QStringLiteral("not taken by the element");
-        else if (codecs::isRaw(f.codec))
-            use = QStringLiteral("encoded to h264 by the element");
-        else
-            use = QStringLiteral("passed through");
-        const auto rank = std::find(std::begin(codecs::kNegotiationOrder), std::end(codecs::kNegotiationOrder), f.codec);
-        if (rank != std::end(codecs::kNegotiationOrder))
-            use += QStringLiteral(", choice %1 for h264").arg(rank - std::begin(codecs::kNegotiationOrder) + 1);
-        if (f.codec >= 0 && f.codec == m_captureCodec)
-            use += QStringLiteral(" <- checked");
-        line.details << QStringLiteral("%1 %2: %3 at %4 fps: %5")
-                            .arg(check::fourccText(f.fourcc), f.description, sizes.join(QLatin1Char(' ')),
-                                 rates.join(QStringLiteral(", ")), use);
+        if (f.codec < 0) {
+            others << check::fourccText(f.fourcc);
+        } else {
+            QString use = codecs::isRaw(f.codec) ? QStringLiteral("encoded to h264 by the element")
+                                                 : QStringLiteral("passed through");
+            const auto rank = std::find(std::begin(codecs::kNegotiationOrder), std::end(codecs::kNegotiationOrder), f.codec);
+            if (rank != std::end(codecs::kNegotiationOrder))
+                use += QStringLiteral(", choice %1 for h264").arg(rank - std::begin(codecs::kNegotiationOrder) + 1);
+            if (f.codec == m_captureCodec)
+                use += QStringLiteral(" <- checked");
+            line.details << QStringLiteral("%1 %2: %3 at %4 fps: %5")
+                                .arg(check::fourccText(f.fourcc), f.description, sizes.join(QLatin1Char(' ')),
+                                     rates.join(QStringLiteral(", ")), use);
+        }
         list.append(QJsonObject{{QStringLiteral("fourcc"), check::fourccText(f.fourcc)},
                                 {QStringLiteral("codec"), f.codec < 0 ? QJsonValue() : QJsonValue(codecs::name(f.codec))},
                                 {QStringLiteral("sizes"), jsonSizes},
@@ -283,6 +283,8 @@ CameraCheck::Line CameraCheck::checkFormats()
                                                                                  : QStringLiteral("passthrough")}});
     }
     line.json.insert(QStringLiteral("list"), list);
+    if (!others.isEmpty())
+        line.details << QStringLiteral("also %1, which the element does not take").arg(others.join(QLatin1Char(' ')));
     if (m_captureCodec < 0) {
         line.verdict = Verdict::No;
         line.text = wanted == CODEC_TYPE_H264
@@ -393,8 +395,13 @@ CameraCheck::Line CameraCheck::checkMemory()
     line.verdict = Verdict::No;
     line.text = QStringLiteral("the element takes %1, which %2 refuses at %3 (%4)")
                     .arg(sourceText(name, chosen->device), m_node->path, chosen->failedAt, errnoName(chosen->error));
-    line.fix = imported.isEmpty() ? needs
-                                  : QStringLiteral("MEDIAMEM_SOURCE=%1 makes the element use %1, which it imports").arg(imported.first());
+    if (!imported.isEmpty())
+        line.fix = QStringLiteral("MEDIAMEM_SOURCE=%1 makes the element use %1, which it imports").arg(imported.first());
+    else if (chosen->error == EFAULT)
+        line.fix = QStringLiteral("the driver takes only physically contiguous memory, and every source here is "
+                                  "scattered pages: a CMA heap or a display driver with CMA dumb buffers (docs/deploying.md)");
+    else
+        line.fix = QStringLiteral("every source here is refused by the driver; ") + needs;
     return line;
 }
 
