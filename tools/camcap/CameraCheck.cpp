@@ -283,8 +283,14 @@ CameraCheck::Line CameraCheck::checkFormats()
                                                                                  : QStringLiteral("passthrough")}});
     }
     line.json.insert(QStringLiteral("list"), list);
-    if (!others.isEmpty())
-        line.details << QStringLiteral("also %1, which the element does not take").arg(others.join(QLatin1Char(' ')));
+    if (!others.isEmpty()) {
+        constexpr int kShown = 8;
+        line.details << QStringLiteral("also %1 format%2 the element does not take: %3%4")
+                            .arg(others.size())
+                            .arg(others.size() == 1 ? "" : "s")
+                            .arg(others.mid(0, kShown).join(QLatin1Char(' ')))
+                            .arg(others.size() > kShown ? QStringLiteral(" ...") : QString());
+    }
     if (m_captureCodec < 0) {
         line.verdict = Verdict::No;
         line.text = wanted == CODEC_TYPE_H264

@@ -145,8 +145,9 @@ QString fourccText(uint32_t fourcc)
 {
     QString s;
     for (int i = 0; i < 4; ++i)
-        s += QLatin1Char(char((fourcc >> (8 * i)) & 0xff));
-    return s.trimmed();
+        s += QLatin1Char(char((fourcc >> (8 * i)) & 0x7f));
+    // The top bit marks the big-endian twin of a format.
+    return s.trimmed() + (fourcc & (1u << 31) ? QStringLiteral("-BE") : QString());
 }
 
 QList<NodeInfo> surveyNodes()
