@@ -205,7 +205,7 @@ Stats stats()
     Registry& registry = Registry::instance();
     Stats s = registry.recorder().counters();
     const auto handles = registry.handles();
-    s.openDescriptors = int(handles.size());
+    s.openDescriptors = registry.descriptorCount();
     for (const auto& h : handles)
         h->addGauges(s);
     s.mappings = DmabufMapping::live();

@@ -163,8 +163,9 @@ void CameraState::attach(const std::shared_ptr<NodeState>& node)
     nodes_.push_back(node);
 }
 
-NodeState::NodeState(const Node& config_, std::shared_ptr<CameraState> camera_, bool unthrottled_)
-    : config(config_), path("/dev/" + config_.name), camera(std::move(camera_)),
+NodeState::NodeState(const Node& config_, std::shared_ptr<CameraState> camera_, bool unthrottled_,
+                     unsigned minor_)
+    : config(config_), path("/dev/" + config_.name), minor(minor_), camera(std::move(camera_)),
       unthrottled(unthrottled_), faults_(config_.faults)
 {
     if (!config.formats.empty()) {

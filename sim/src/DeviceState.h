@@ -21,6 +21,9 @@ namespace simcam {
 
 class NodeState;
 
+// The character device major of video4linux nodes.
+constexpr unsigned kVideoMajor = 81;
+
 class CameraState {
 public:
     CameraState(const Camera& config, int index);
@@ -88,10 +91,12 @@ struct NodeSnapshot {
 
 class NodeState {
 public:
-    NodeState(const Node& config, std::shared_ptr<CameraState> camera, bool unthrottled);
+    NodeState(const Node& config, std::shared_ptr<CameraState> camera, bool unthrottled,
+              unsigned minor);
 
     const Node config; // formats, kind and name never change; live faults are below
     const std::string path;
+    const unsigned minor; // of the video4linux character device (major kVideoMajor)
     const std::shared_ptr<CameraState> camera;
     std::atomic<bool> unthrottled;
 

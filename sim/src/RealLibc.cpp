@@ -24,6 +24,11 @@ Libc lookUp()
     resolve(l.openat_2, "__openat_2");
     resolve(l.openat64_2, "__openat64_2");
     resolve(l.close, "close");
+    resolve(l.dup, "dup");
+    resolve(l.dup2, "dup2");
+    resolve(l.dup3, "dup3");
+    resolve(l.fcntl, "fcntl");
+    resolve(l.fcntl64, "fcntl64");
     resolve(l.ioctl, "ioctl");
     resolve(l.opendir, "opendir");
     resolve(l.stat, "stat");
@@ -40,10 +45,27 @@ Libc lookUp()
     resolve(l.realpath, "realpath");
     resolve(l.fopen, "fopen");
     resolve(l.fopen64, "fopen64");
+    resolve(l.fstat, "fstat");
+    resolve(l.fstat64, "fstat64");
+    resolve(l.fxstat, "__fxstat");
+    resolve(l.fxstat64, "__fxstat64");
+    resolve(l.xstat, "__xstat");
+    resolve(l.xstat64, "__xstat64");
+    resolve(l.lxstat, "__lxstat");
+    resolve(l.lxstat64, "__lxstat64");
+    resolve(l.mmap, "mmap");
+    resolve(l.mmap64, "mmap64");
+    resolve(l.munmap, "munmap");
+    resolve(l.poll, "poll");
+    resolve(l.ppoll, "ppoll");
+    resolve(l.poll_chk, "__poll_chk");
+    resolve(l.ppoll_chk, "__ppoll_chk");
+    resolve(l.epoll_ctl, "epoll_ctl");
     resolve(l.ioctl_time64, "__ioctl_time64");
     resolve(l.stat64_time64, "__stat64_time64");
     resolve(l.lstat64_time64, "__lstat64_time64");
     resolve(l.fstatat64_time64, "__fstatat64_time64");
+    resolve(l.fstat64_time64, "__fstat64_time64");
     return l;
 }
 

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <linux/usb/video.h>
 #include <linux/version.h>
+#include <poll.h>
+#include <sys/sysmacros.h>
 
 namespace simcam {
 
@@ -104,6 +106,7 @@ int VideoHandle::ioctl(unsigned long request, void* arg)
     case VIDIOC_QUERYBUF: return stream_.queryBuffer(as<v4l2_buffer>(arg));
     case VIDIOC_QBUF: return stream_.queueBuffer(as<v4l2_buffer>(arg));
     case VIDIOC_DQBUF: return stream_.dequeueBuffer(as<v4l2_buffer>(arg));
+    case VIDIOC_EXPBUF: return stream_.exportBuffer(as<v4l2_exportbuffer>(arg));
     case VIDIOC_STREAMON:
     case VIDIOC_STREAMOFF: {
         if (as<int>(arg) != V4L2_BUF_TYPE_VIDEO_CAPTURE)
@@ -119,6 +122,30 @@ int VideoHandle::ioctl(unsigned long request, void* arg)
     case VIDIOC_S_INPUT: return as<int>(arg) == 0 ? 0 : EINVAL;
     default: return ENOTTY;
     }
+}
+
+std::shared_ptr<MmapBuffer> VideoHandle::mappable(uint64_t offset, size_t length, int prot,
+                                                  int flags, int& error) const
+{
+    const CameraState& camera = *node_->camera;
+    if (camera.retired.load() || !camera.present(generation_)) {
+        error = ENODEV;
+        return nullptr;
+    }
+    return stream_.bufferAt(offset, length, prot, flags, error);
+}
+
+std::optional<dev_t> VideoHandle::device() const
+{
+    return makedev(kVideoMajor, node_->minor);
+}
+
+std::optional<short> VideoHandle::pollEvents(short requested) const
+{
+    const CameraState& camera = *node_->camera;
+    if (camera.retired.load() || !camera.present(generation_))
+        return short(POLLERR);
+    return stream_.pollEvents(requested);
 }
 
 int VideoHandle::queryCapabilities(v4l2_capability& cap) const

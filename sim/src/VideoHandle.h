@@ -19,8 +19,13 @@ public:
     int ioctl(unsigned long request, void* arg) override;
     void shutdown(bool wake) override { stream_.shutdown(wake); }
     void poke() override { stream_.poke(); }
+    void duplicated() override { stream_.keepOwnDescriptor(); }
     void addGauges(Stats& stats) const override { stream_.addGauges(stats); }
     bool stale() const override { return node_->camera->retired.load(); }
+    std::shared_ptr<MmapBuffer> mappable(uint64_t offset, size_t length, int prot, int flags,
+                                         int& error) const override;
+    std::optional<short> pollEvents(short requested) const override;
+    std::optional<dev_t> device() const override;
 
 private:
     int queryCapabilities(v4l2_capability& cap) const;
