@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <cerrno>
+#include <linux/videodev2.h>
 #include <cstdio>
 #include <system_error>
 
@@ -276,6 +277,24 @@ void NodeState::releaseQueue(const void* owner)
     std::lock_guard lock(m_);
     if (queueOwner_ == owner)
         queueOwner_ = nullptr;
+}
+
+void NodeState::changePriority(int from, int to)
+{
+    std::lock_guard lock(m_);
+    if (from >= 0)
+        --priorities_[size_t(from)];
+    if (to >= 0)
+        ++priorities_[size_t(to)];
+}
+
+int NodeState::highestPriority() const
+{
+    std::lock_guard lock(m_);
+    for (int p = int(priorities_.size()) - 1; p > 0; --p)
+        if (priorities_[size_t(p)] > 0)
+            return p;
+    return V4L2_PRIORITY_DEFAULT;
 }
 
 bool NodeState::queueClaimedByOther(const void* owner) const

@@ -6,6 +6,7 @@
 #include "FormatMath.h"
 #include "simcam/Model.h"
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -122,6 +123,11 @@ public:
     void releaseQueue(const void* owner);
     bool queueClaimedByOther(const void* owner) const;
 
+    // V4L2 priorities of the descriptors open on the node (VIDIOC_S_PRIORITY): one count
+    // per level. An ioctl that changes the device is refused below the highest level held.
+    void changePriority(int from, int to);
+    int highestPriority() const;
+
     // V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME: the next coded frame any stream of the node
     // produces starts a new GOP.
     void requestKeyFrame() { keyFrameRequested_ = true; }
@@ -146,6 +152,7 @@ private:
     Interval timePerFrame_;
     std::optional<Interval> forcedTimePerFrame_;
     const void* queueOwner_ = nullptr;
+    std::array<int, 4> priorities_{};
     std::atomic<bool> keyFrameRequested_{false};
 };
 

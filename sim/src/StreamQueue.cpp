@@ -98,6 +98,9 @@ int StreamQueue::requestBuffers(v4l2_requestbuffers& request)
         if (streaming_)
             return EBUSY;
     }
+    // The driver's streaming privilege: even freeing is refused to another descriptor.
+    if (node_->queueClaimedByOther(this))
+        return EBUSY;
     uint32_t granted = 0;
     if (request.count > 0)
         granted = faults.grantBuffers >= 0 ? uint32_t(faults.grantBuffers)
@@ -131,6 +134,8 @@ int StreamQueue::requestBuffers(v4l2_requestbuffers& request)
     if (error)
         return error;
     request.count = granted;
+    request.flags = 0; // no cache hints: every buffer is coherent
+    std::memset(request.reserved, 0, sizeof request.reserved);
     request.capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_DMABUF |
                            V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
     return 0;
@@ -258,7 +263,10 @@ int StreamQueue::queueBuffer(v4l2_buffer& b)
     queued_.push_back(b.index);
     waitingForBuffers_ = false;
 
-    b.flags = (b.flags & ~(V4L2_BUF_FLAG_DONE | V4L2_BUF_FLAG_ERROR)) | V4L2_BUF_FLAG_QUEUED;
+    // As QUERYBUF would show it: cache hints the queue does not offer are dropped.
+    b.flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_SOE | V4L2_BUF_FLAG_QUEUED;
+    if (buf.memory && buf.memory->isMapped())
+        b.flags |= V4L2_BUF_FLAG_MAPPED;
     syncReadinessLocked();
     cv_.notify_all();
     return 0;

@@ -62,6 +62,61 @@ VideoHandle::VideoHandle(int fd, std::shared_ptr<NodeState> node, bool nonBlocki
     : node_(std::move(node)), generation_(node_->camera->generation()),
       stream_(fd, node_, generation_, recorder, nonBlocking)
 {
+    node_->changePriority(-1, V4L2_PRIORITY_DEFAULT);
+}
+
+VideoHandle::~VideoHandle()
+{
+    node_->changePriority(priority_.load(), -1);
+}
+
+namespace {
+
+// What the V4L2 core refuses with EBUSY to a descriptor below the highest priority.
+bool changesTheDevice(unsigned long request)
+{
+    switch (request) {
+    case VIDIOC_S_FMT:
+    case VIDIOC_S_PARM:
+    case VIDIOC_S_INPUT:
+    case VIDIOC_S_CTRL:
+    case VIDIOC_S_PRIORITY:
+    case VIDIOC_REQBUFS:
+    case VIDIOC_STREAMON:
+    case VIDIOC_STREAMOFF:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// The ioctls dispatch() answers; the others fail ENOTTY whatever their argument.
+bool knownRequest(unsigned long request)
+{
+    switch (request) {
+    case VIDIOC_QUERYCAP: case VIDIOC_ENUM_FMT: case VIDIOC_ENUM_FRAMESIZES:
+    case VIDIOC_ENUM_FRAMEINTERVALS: case VIDIOC_G_FMT: case VIDIOC_S_FMT: case VIDIOC_TRY_FMT:
+    case VIDIOC_G_PARM: case VIDIOC_S_PARM: case VIDIOC_REQBUFS: case VIDIOC_QUERYBUF:
+    case VIDIOC_QBUF: case VIDIOC_DQBUF: case VIDIOC_EXPBUF: case VIDIOC_STREAMON:
+    case VIDIOC_STREAMOFF: case VIDIOC_QUERYCTRL: case VIDIOC_S_CTRL: case VIDIOC_G_CTRL:
+    case UVCIOC_CTRL_QUERY: case VIDIOC_ENUMINPUT: case VIDIOC_G_INPUT: case VIDIOC_S_INPUT:
+    case VIDIOC_G_PRIORITY: case VIDIOC_S_PRIORITY:
+        return true;
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
+int VideoHandle::setPriority(uint32_t priority)
+{
+    if (priority > V4L2_PRIORITY_RECORD)
+        return EINVAL;
+    if (priority == V4L2_PRIORITY_UNSET)
+        priority = V4L2_PRIORITY_DEFAULT;
+    node_->changePriority(priority_.exchange(int(priority)), int(priority));
+    return 0;
 }
 
 int VideoHandle::ioctl(unsigned long request, void* arg)
@@ -69,8 +124,15 @@ int VideoHandle::ioctl(unsigned long request, void* arg)
     const CameraState& camera = *node_->camera;
     if (camera.retired.load() || !camera.present(generation_))
         return ENODEV;
+    if (changesTheDevice(request) && priority_.load() < node_->highestPriority())
+        return EBUSY;
     if (!arg)
-        return EFAULT;
+        return knownRequest(request) ? EFAULT : ENOTTY;
+    return dispatch(request, arg);
+}
+
+int VideoHandle::dispatch(unsigned long request, void* arg)
+{
     if (request == VIDIOC_QUERYCAP)
         return queryCapabilities(as<v4l2_capability>(arg));
     if (!node_->isCapture()) {
@@ -120,6 +182,8 @@ int VideoHandle::ioctl(unsigned long request, void* arg)
     case VIDIOC_ENUMINPUT: return enumInput(as<v4l2_input>(arg));
     case VIDIOC_G_INPUT: as<int>(arg) = 0; return 0;
     case VIDIOC_S_INPUT: return as<int>(arg) == 0 ? 0 : EINVAL;
+    case VIDIOC_G_PRIORITY: as<uint32_t>(arg) = uint32_t(node_->highestPriority()); return 0;
+    case VIDIOC_S_PRIORITY: return setPriority(as<uint32_t>(arg));
     default: return ENOTTY;
     }
 }
@@ -197,12 +261,14 @@ int VideoHandle::enumFrameSizes(v4l2_frmsizeenum& e) const
         e.type = continuous ? V4L2_FRMSIZE_TYPE_CONTINUOUS : V4L2_FRMSIZE_TYPE_STEPWISE;
         e.stepwise = {f->stepwise->minWidth,  f->stepwise->maxWidth,  f->stepwise->stepWidth,
                       f->stepwise->minHeight, f->stepwise->maxHeight, f->stepwise->stepHeight};
+        std::memset(e.reserved, 0, sizeof e.reserved);
         return 0;
     }
     if (e.index >= f->sizes.size())
         return EINVAL;
     e.type = V4L2_FRMSIZE_TYPE_DISCRETE;
     e.discrete = {f->sizes[e.index].width, f->sizes[e.index].height};
+    std::memset(e.reserved, 0, sizeof e.reserved);
     return 0;
 }
 
@@ -220,12 +286,14 @@ int VideoHandle::enumFrameIntervals(v4l2_frmivalenum& e) const
         e.type = continuous ? V4L2_FRMIVAL_TYPE_CONTINUOUS : V4L2_FRMIVAL_TYPE_STEPWISE;
         e.stepwise = {{r.min.numerator, r.min.denominator}, {r.max.numerator, r.max.denominator},
                       {r.step.numerator, r.step.denominator}};
+        std::memset(e.reserved, 0, sizeof e.reserved);
         return 0;
     }
     if (!intervals || e.index >= intervals->size())
         return EINVAL;
     e.type = V4L2_FRMIVAL_TYPE_DISCRETE;
     e.discrete = {(*intervals)[e.index].numerator, (*intervals)[e.index].denominator};
+    std::memset(e.reserved, 0, sizeof e.reserved);
     return 0;
 }
 

@@ -7,6 +7,7 @@
 
 #include <linux/uvcvideo.h>
 #include <linux/videodev2.h>
+#include <atomic>
 #include <memory>
 
 namespace simcam {
@@ -14,6 +15,7 @@ namespace simcam {
 class VideoHandle final : public Handle {
 public:
     VideoHandle(int fd, std::shared_ptr<NodeState> node, bool nonBlocking, Recorder& recorder);
+    ~VideoHandle() override;
 
     const std::string& path() const override { return node_->path; }
     int ioctl(unsigned long request, void* arg) override;
@@ -42,6 +44,10 @@ private:
     int enumInput(v4l2_input& input) const;
 
     bool keyFrameControl() const;
+    int dispatch(unsigned long request, void* arg);
+    int setPriority(uint32_t priority);
+
+    std::atomic<int> priority_{V4L2_PRIORITY_DEFAULT};
 
     const std::shared_ptr<NodeState> node_;
     const uint64_t generation_;
