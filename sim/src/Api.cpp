@@ -3,6 +3,7 @@
 
 #include "ActiveModel.h"
 #include "DmabufMapping.h"
+#include "MmapBuffer.h"
 #include "Interposer.h"
 #include "Registry.h"
 #include "StreamQueue.h"
@@ -209,6 +210,7 @@ Stats stats()
     for (const auto& h : handles)
         h->addGauges(s);
     s.mappings = DmabufMapping::live();
+    s.mmapBuffers = MmapBuffer::live();
     s.clockThreads = StreamQueue::runningClocks();
     s.replugTimers = CameraState::replugTimers();
     return s;
