@@ -80,6 +80,7 @@ bool changesTheDevice(unsigned long request)
     case VIDIOC_S_PARM:
     case VIDIOC_S_INPUT:
     case VIDIOC_S_CTRL:
+    case VIDIOC_S_EXT_CTRLS:
     case VIDIOC_S_PRIORITY:
     case VIDIOC_REQBUFS:
     case VIDIOC_STREAMON:
@@ -99,6 +100,8 @@ bool knownRequest(unsigned long request)
     case VIDIOC_G_PARM: case VIDIOC_S_PARM: case VIDIOC_REQBUFS: case VIDIOC_QUERYBUF:
     case VIDIOC_QBUF: case VIDIOC_DQBUF: case VIDIOC_EXPBUF: case VIDIOC_STREAMON:
     case VIDIOC_STREAMOFF: case VIDIOC_QUERYCTRL: case VIDIOC_S_CTRL: case VIDIOC_G_CTRL:
+    case VIDIOC_QUERY_EXT_CTRL: case VIDIOC_G_EXT_CTRLS: case VIDIOC_S_EXT_CTRLS:
+    case VIDIOC_TRY_EXT_CTRLS:
     case UVCIOC_CTRL_QUERY: case VIDIOC_ENUMINPUT: case VIDIOC_G_INPUT: case VIDIOC_S_INPUT:
     case VIDIOC_G_PRIORITY: case VIDIOC_S_PRIORITY:
         return true;
@@ -176,8 +179,12 @@ int VideoHandle::dispatch(unsigned long request, void* arg)
         return request == VIDIOC_STREAMON ? stream_.streamOn() : stream_.streamOff();
     }
     case VIDIOC_QUERYCTRL: return queryControl(as<v4l2_queryctrl>(arg));
+    case VIDIOC_QUERY_EXT_CTRL: return queryExtControl(as<v4l2_query_ext_ctrl>(arg));
     case VIDIOC_S_CTRL: return setControl(as<v4l2_control>(arg));
-    case VIDIOC_G_CTRL: return EINVAL; // the only control is a write-only button
+    case VIDIOC_G_CTRL: return getControl(as<v4l2_control>(arg));
+    case VIDIOC_G_EXT_CTRLS:
+    case VIDIOC_S_EXT_CTRLS:
+    case VIDIOC_TRY_EXT_CTRLS: return extControls(request, as<v4l2_ext_controls>(arg));
     case UVCIOC_CTRL_QUERY: return extensionQuery(as<uvc_xu_control_query>(arg));
     case VIDIOC_ENUMINPUT: return enumInput(as<v4l2_input>(arg));
     case VIDIOC_G_INPUT: as<int>(arg) = 0; return 0;
@@ -355,28 +362,115 @@ bool VideoHandle::keyFrameControl() const
     return !node_->faults().noKeyFrameControl;
 }
 
+struct ControlInfo {
+    uint32_t id;
+    uint32_t type;
+    const char* name;
+    uint32_t flags;
+};
+
+namespace {
+
+// The codec class control comes with the class's only member, as the control framework
+// adds it.
+constexpr ControlInfo kControls[] = {
+    {V4L2_CID_MPEG_CLASS, V4L2_CTRL_TYPE_CTRL_CLASS, "Codec Controls",
+     V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY},
+    {V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME, V4L2_CTRL_TYPE_BUTTON, "Force Key Frame",
+     V4L2_CTRL_FLAG_WRITE_ONLY | V4L2_CTRL_FLAG_EXECUTE_ON_WRITE},
+};
+
+} // namespace
+
+const ControlInfo* VideoHandle::findControl(uint32_t id) const
+{
+    const uint32_t bare = id & ~(V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND);
+    const bool next = id & V4L2_CTRL_FLAG_NEXT_CTRL;
+    if (!keyFrameControl())
+        return nullptr;
+    for (const ControlInfo& c : kControls)
+        if (next ? c.id > bare : c.id == bare)
+            return &c;
+    return nullptr;
+}
+
 int VideoHandle::queryControl(v4l2_queryctrl& q) const
 {
-    const uint32_t id = q.id & ~(V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND);
-    const bool next = q.id & V4L2_CTRL_FLAG_NEXT_CTRL;
-    const uint32_t key = V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME;
-    if (!keyFrameControl() || (next ? id >= key : id != key))
+    const ControlInfo* c = findControl(q.id);
+    if (!c)
         return EINVAL;
     std::memset(&q, 0, sizeof q);
-    q.id = key;
-    q.type = V4L2_CTRL_TYPE_BUTTON;
-    copyText(q.name, "Force Key Frame");
-    q.maximum = 0;
-    q.step = 0;
-    q.flags = V4L2_CTRL_FLAG_WRITE_ONLY | V4L2_CTRL_FLAG_EXECUTE_ON_WRITE;
+    q.id = c->id;
+    q.type = c->type;
+    copyText(q.name, c->name);
+    q.flags = c->flags;
     return 0;
+}
+
+int VideoHandle::queryExtControl(v4l2_query_ext_ctrl& q) const
+{
+    const ControlInfo* c = findControl(q.id);
+    if (!c)
+        return EINVAL;
+    std::memset(&q, 0, sizeof q);
+    q.id = c->id;
+    q.type = c->type;
+    copyText(q.name, c->name);
+    q.flags = c->flags;
+    q.elem_size = sizeof(int32_t);
+    q.elems = 1;
+    return 0;
+}
+
+int VideoHandle::getControl(const v4l2_control& c) const
+{
+    const ControlInfo* info = findControl(c.id);
+    return !info || (c.id & V4L2_CTRL_FLAG_NEXT_CTRL) ? EINVAL : EACCES; // none is readable
 }
 
 int VideoHandle::setControl(const v4l2_control& c)
 {
-    if (c.id != V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME || !keyFrameControl())
+    const ControlInfo* info = findControl(c.id);
+    if (!info || (c.id & V4L2_CTRL_FLAG_NEXT_CTRL))
         return EINVAL;
+    if (info->flags & V4L2_CTRL_FLAG_READ_ONLY)
+        return EACCES;
     node_->requestKeyFrame();
+    return 0;
+}
+
+int VideoHandle::extControls(unsigned long request, v4l2_ext_controls& cs)
+{
+    const uint32_t which = cs.which;
+    if (which != V4L2_CTRL_WHICH_CUR_VAL && which != V4L2_CTRL_WHICH_DEF_VAL &&
+        !(findControl(which | 1) && which == V4L2_CTRL_CLASS_MPEG))
+        return EINVAL;
+    if (cs.count == 0)
+        return 0;
+    if (!cs.controls)
+        return EFAULT;
+    cs.error_idx = cs.count;
+    for (uint32_t i = 0; i < cs.count; ++i) {
+        const ControlInfo* info = findControl(cs.controls[i].id);
+        if (!info || (cs.controls[i].id & V4L2_CTRL_FLAG_NEXT_CTRL) ||
+            (which >= V4L2_CTRL_CLASS_MPEG && V4L2_CTRL_ID2WHICH(info->id) != which)) {
+            cs.error_idx = request == VIDIOC_TRY_EXT_CTRLS ? i : cs.count;
+            return EINVAL;
+        }
+    }
+    if (request == VIDIOC_G_EXT_CTRLS)
+        return EACCES; // every control is write-only
+    if (which == V4L2_CTRL_WHICH_DEF_VAL)
+        return EINVAL;
+    for (uint32_t i = 0; i < cs.count; ++i) {
+        if (findControl(cs.controls[i].id)->flags & V4L2_CTRL_FLAG_READ_ONLY) {
+            // TRY names the control; S_ fails before touching any, as the framework does.
+            cs.error_idx = request == VIDIOC_TRY_EXT_CTRLS ? i : cs.count;
+            return EACCES;
+        }
+    }
+    if (request == VIDIOC_S_EXT_CTRLS)
+        node_->requestKeyFrame();
     return 0;
 }
 

@@ -12,6 +12,8 @@
 
 namespace simcam {
 
+struct ControlInfo;
+
 class VideoHandle final : public Handle {
 public:
     VideoHandle(int fd, std::shared_ptr<NodeState> node, bool nonBlocking, Recorder& recorder);
@@ -39,7 +41,11 @@ private:
     int getParm(v4l2_streamparm& p) const;
     int setParm(v4l2_streamparm& p);
     int queryControl(v4l2_queryctrl& q) const;
+    int queryExtControl(v4l2_query_ext_ctrl& q) const;
+    int getControl(const v4l2_control& c) const;
     int setControl(const v4l2_control& c);
+    int extControls(unsigned long request, v4l2_ext_controls& cs);
+    const ControlInfo* findControl(uint32_t id) const;
     int extensionQuery(uvc_xu_control_query& q);
     int enumInput(v4l2_input& input) const;
 
