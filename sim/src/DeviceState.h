@@ -3,6 +3,7 @@
 // them. Lock order: a stream's lock may be held while taking a node's or a camera's lock;
 // a node's and a camera's lock are never held together.
 
+#include "EventQueue.h"
 #include "FormatMath.h"
 #include "simcam/Model.h"
 
@@ -100,6 +101,7 @@ public:
     const unsigned minor; // of the video4linux character device (major kVideoMajor)
     const std::shared_ptr<CameraState> camera;
     std::atomic<bool> unthrottled;
+    EventHub events; // of the descriptors open on the node
 
     bool isCapture() const { return config.kind == NodeKind::Capture; }
 

@@ -42,6 +42,11 @@ public:
     virtual std::optional<dev_t> device() const { return std::nullopt; }
     // The poll events the device reports now for `requested`; none: the descriptor's own.
     virtual std::optional<short> pollEvents(short /*requested*/) const { return std::nullopt; }
+    // O_NONBLOCK as the caller set it (open, fcntl F_SETFL); none: not followed.
+    virtual std::optional<bool> nonBlocking() const { return std::nullopt; }
+    virtual void setNonBlocking(bool) {}
+    // A descriptor readable while a V4L2 event is pending (POLLPRI); -1: none.
+    virtual int eventDescriptor() const { return -1; }
     // Its model has been replaced by another.
     virtual bool stale() const = 0;
 };

@@ -245,6 +245,21 @@ int duplicated(int oldFd, int newFd)
 template <typename Fcntl>
 int routeFcntl(Fcntl fn, int fd, int cmd, void* arg)
 {
+    // O_NONBLOCK is the device's to follow; the eventfd behind it stays non-blocking.
+    if ((cmd == F_GETFL || cmd == F_SETFL) && Registry::instance().hasHandles()) {
+        if (auto handle = Registry::instance().find(fd); handle && handle->nonBlocking()) {
+            const long flags = long(reinterpret_cast<intptr_t>(arg));
+            const int result = forwardOr(fn, fd, cmd,
+                                         cmd == F_SETFL ? reinterpret_cast<void*>(flags | O_NONBLOCK) : arg);
+            if (result < 0)
+                return result;
+            if (cmd == F_SETFL) {
+                handle->setNonBlocking(flags & O_NONBLOCK);
+                return result;
+            }
+            return (result & ~O_NONBLOCK) | (*handle->nonBlocking() ? O_NONBLOCK : 0);
+        }
+    }
     const int result = forwardOr(fn, fd, cmd, arg);
     if (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC)
         return duplicated(fd, result);

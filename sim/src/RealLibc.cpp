@@ -60,6 +60,8 @@ Libc lookUp()
     resolve(l.ppoll, "ppoll");
     resolve(l.poll_chk, "__poll_chk");
     resolve(l.ppoll_chk, "__ppoll_chk");
+    resolve(l.select, "select");
+    resolve(l.pselect, "pselect");
     resolve(l.epoll_ctl, "epoll_ctl");
     resolve(l.ioctl_time64, "__ioctl_time64");
     resolve(l.stat64_time64, "__stat64_time64");

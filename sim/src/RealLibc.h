@@ -6,6 +6,7 @@
 
 #include <dirent.h>
 #include <poll.h>
+#include <sys/select.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -64,6 +65,8 @@ struct Libc {
     int (*poll_chk)(struct pollfd*, nfds_t, int, size_t);
     int (*ppoll_chk)(struct pollfd*, nfds_t, const struct timespec*, const sigset_t*, size_t);
     int (*epoll_ctl)(int, int, int, struct epoll_event*);
+    int (*select)(int, fd_set*, fd_set*, fd_set*, struct timeval*);
+    int (*pselect)(int, fd_set*, fd_set*, fd_set*, const struct timespec*, const sigset_t*);
     // 32-bit C libraries built for 64-bit time_t route these calls through the following.
     int (*ioctl_time64)(int, unsigned long, ...);
     int (*stat64_time64)(const char*, void*);

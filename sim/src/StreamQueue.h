@@ -13,6 +13,7 @@
 #include "Ring.h"
 #include "content/ContentSource.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <linux/videodev2.h>
 #include <memory>
@@ -47,6 +48,7 @@ public:
     short pollEvents(short requested) const;
 
     void poke();
+    void setNonBlocking(bool on) { nonBlocking_ = on; }
     void shutdown(bool wake);
     // The client's descriptor number may close while a duplicate lives on: signal readiness
     // through a private duplicate of the eventfd from now on.
@@ -83,7 +85,7 @@ private:
     const std::shared_ptr<NodeState> node_;
     const uint64_t generation_;
     Recorder& recorder_;
-    const bool nonBlocking_;
+    std::atomic<bool> nonBlocking_;
 
     std::mutex control_; // serialises what starts or joins the clock
     mutable std::mutex m_;

@@ -2,6 +2,7 @@
 // A descriptor open on a simulated video node: answers the V4L2 and UVC ioctls.
 
 #include "DeviceState.h"
+#include "EventQueue.h"
 #include "Handle.h"
 #include "StreamQueue.h"
 
@@ -21,8 +22,8 @@ public:
 
     const std::string& path() const override { return node_->path; }
     int ioctl(unsigned long request, void* arg) override;
-    void shutdown(bool wake) override { stream_.shutdown(wake); }
-    void poke() override { stream_.poke(); }
+    void shutdown(bool wake) override;
+    void poke() override;
     void duplicated() override { stream_.keepOwnDescriptor(); }
     void addGauges(Stats& stats) const override { stream_.addGauges(stats); }
     bool stale() const override { return node_->camera->retired.load(); }
@@ -30,6 +31,9 @@ public:
                                          int& error) const override;
     std::optional<short> pollEvents(short requested) const override;
     std::optional<dev_t> device() const override;
+    int eventDescriptor() const override { return events_.wakeDescriptor(); }
+    std::optional<bool> nonBlocking() const override { return nonBlocking_.load(); }
+    void setNonBlocking(bool on) override;
 
 private:
     int queryCapabilities(v4l2_capability& cap) const;
@@ -48,6 +52,8 @@ private:
     const ControlInfo* findControl(uint32_t id) const;
     int extensionQuery(uvc_xu_control_query& q);
     int enumInput(v4l2_input& input) const;
+    int subscribeEvent(const v4l2_event_subscription& sub);
+    void controlSet(uint32_t id);
 
     bool keyFrameControl() const;
     int dispatch(unsigned long request, void* arg);
@@ -57,6 +63,8 @@ private:
 
     const std::shared_ptr<NodeState> node_;
     const uint64_t generation_;
+    std::atomic<bool> nonBlocking_;
+    EventQueue events_;
     StreamQueue stream_;
 };
 
