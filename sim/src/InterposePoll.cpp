@@ -154,7 +154,9 @@ SIMCAM_EXPORT int __ppoll_chk(pollfd* fds, nfds_t n, const timespec* timeout,
 {
     return routePoll(fds, n, fromTimespec(timeout), [&](pollfd* f, nfds_t m, auto left) {
         const timespec ts = left ? toTimespec(*left) : timespec{};
-        return m == n ? real::libc().ppoll_chk(f, m, left ? &ts : nullptr, mask, fdsLength)
+        // (A C library with 64-bit time may lack the checked variant.)
+        return m == n && real::libc().ppoll_chk
+                   ? real::libc().ppoll_chk(f, m, left ? &ts : nullptr, mask, fdsLength)
                       : real::libc().ppoll(f, m, left ? &ts : nullptr, mask);
     });
 }
@@ -189,10 +191,12 @@ bool simulatedInSets(int nfds, const fd_set* r, const fd_set* w, const fd_set* e
 
 // The sets as poll entries, and the answer read back as the kernel's select reads a poll
 // mask: an error or hang-up counts as readable, an error as writable, POLLPRI as
-// exceptional. Returns the number of bits set.
+// exceptional. Returns the number of bits set; `left` (if given) receives the time not
+// slept, which Linux leaves in select's timeout.
 int routeSelect(int nfds, fd_set* r, fd_set* w, fd_set* e, std::optional<Clock::duration> timeout,
-                const sigset_t* mask)
+                const sigset_t* mask, std::chrono::microseconds* left = nullptr)
 {
+    const Clock::time_point start = Clock::now();
     std::vector<pollfd> fds;
     for (int fd = 0; fd < std::min(nfds, FD_SETSIZE); ++fd) {
         short events = 0;
@@ -205,10 +209,13 @@ int routeSelect(int nfds, fd_set* r, fd_set* w, fd_set* e, std::optional<Clock::
         if (events)
             fds.push_back({fd, events, 0});
     }
-    const int result = routePoll(fds.data(), fds.size(), timeout, [&](pollfd* f, nfds_t m, auto left) {
-        const timespec ts = left ? toTimespec(*left) : timespec{};
-        return real::libc().ppoll(f, m, left ? &ts : nullptr, mask);
+    const int result = routePoll(fds.data(), fds.size(), timeout, [&](pollfd* f, nfds_t m, auto rest) {
+        const timespec ts = rest ? toTimespec(*rest) : timespec{};
+        return real::libc().ppoll(f, m, rest ? &ts : nullptr, mask);
     });
+    if (left && timeout)
+        *left = std::chrono::duration_cast<std::chrono::microseconds>(
+            std::max(Clock::duration::zero(), *timeout - (Clock::now() - start)));
     if (result < 0)
         return result;
     for (const pollfd& p : fds) {
@@ -244,12 +251,9 @@ SIMCAM_EXPORT int select(int nfds, fd_set* r, fd_set* w, fd_set* e, timeval* tim
     std::optional<Clock::duration> wait;
     if (timeout)
         wait = std::chrono::seconds(timeout->tv_sec) + std::chrono::microseconds(timeout->tv_usec);
-    const Clock::time_point start = Clock::now();
-    const int result = routeSelect(nfds, r, w, e, wait, nullptr);
+    std::chrono::microseconds left{};
+    const int result = routeSelect(nfds, r, w, e, wait, nullptr, &left);
     if (timeout) {
-        // Linux leaves the time not slept in the caller's timeout.
-        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
-            std::max(Clock::duration::zero(), *wait - (Clock::now() - start)));
         timeout->tv_sec = time_t(left.count() / 1000000);
         timeout->tv_usec = suseconds_t(left.count() % 1000000);
     }

@@ -57,11 +57,15 @@ Libc lookUp()
     resolve(l.mmap64, "mmap64");
     resolve(l.munmap, "munmap");
     resolve(l.poll, "poll");
-    resolve(l.ppoll, "ppoll");
+    // The calls with a time argument take this library's time_t: built for 64-bit time_t
+    // on a 32-bit C library, those are the C library's time64 entries (and the headers
+    // give this library's own definitions of them those names too).
+    constexpr bool time64 = sizeof(time_t) > sizeof(long);
+    resolve(l.ppoll, time64 ? "__ppoll64" : "ppoll");
     resolve(l.poll_chk, "__poll_chk");
-    resolve(l.ppoll_chk, "__ppoll_chk");
-    resolve(l.select, "select");
-    resolve(l.pselect, "pselect");
+    resolve(l.ppoll_chk, time64 ? "__ppoll64_chk" : "__ppoll_chk");
+    resolve(l.select, time64 ? "__select64" : "select");
+    resolve(l.pselect, time64 ? "__pselect64" : "pselect");
     resolve(l.epoll_ctl, "epoll_ctl");
     resolve(l.ioctl_time64, "__ioctl_time64");
     resolve(l.stat64_time64, "__stat64_time64");
