@@ -113,8 +113,13 @@ int EventQueue::dequeue(v4l2_event& event, bool block, const std::function<bool(
         const uint64_t seen = interrupts_;
         cv_.wait_for(lock, std::chrono::milliseconds(50),
                      [&] { return !pending_.empty() || interrupts_ != seen; });
-        if (pending_.empty() && gone())
+        if (!pending_.empty())
+            break;
+        // Asked without the lock: the camera's own lock is taken before this one elsewhere.
+        lock.unlock();
+        if (gone())
             return ENODEV;
+        lock.lock();
     }
     event = pending_.front().event;
     pending_.pop_front();
