@@ -145,6 +145,15 @@ TEST_F(SimTest, PendingEventsShowAsPriorityData)
     EXPECT_EQ(xioctl(fd.get(), VIDIOC_DQEVENT, &ev), 0);
     EXPECT_EQ(xioctl(fd.get(), VIDIOC_DQEVENT, &ev), ENOENT);
     EXPECT_FALSE(exceptional(20));
+
+    // Blocking again: an unplug ends the wait.
+    ASSERT_EQ(fcntl(fd.get(), F_SETFL, fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK), 0);
+    std::thread unplug([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        simcam::unplug(0);
+    });
+    EXPECT_EQ(xioctl(fd.get(), VIDIOC_DQEVENT, &ev), ENODEV);
+    unplug.join();
 }
 
 } // namespace
