@@ -40,10 +40,18 @@ bool installed(const std::string& tool)
     return run("command -v " + tool).status == 0;
 }
 
+#ifdef SIMCAM_RUNTIME
+// A sanitizer build: its runtime goes first. What the tool itself leaks is not the camera's.
+constexpr const char* kPreload = "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0 "
+                                 "LD_PRELOAD='" SIMCAM_RUNTIME " " SIMCAM_LIBRARY "'";
+#else
+constexpr const char* kPreload = "LD_PRELOAD='" SIMCAM_LIBRARY "'";
+#endif
+
 // The camera for one command: the model and the preload, nothing else of this process.
 std::string preloaded(const std::string& model, const std::string& command)
 {
-    return "SIMCAM_MODEL='" + model + "' LD_PRELOAD='" SIMCAM_LIBRARY "' timeout 120 " + command;
+    return "SIMCAM_MODEL='" + model + "' " + kPreload + " timeout 120 " + command;
 }
 
 class TempDir {
