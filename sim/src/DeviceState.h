@@ -5,6 +5,7 @@
 
 #include "EventQueue.h"
 #include "FormatMath.h"
+#include "SyncMutex.h"
 #include "simcam/Model.h"
 
 #include <array>
@@ -71,10 +72,10 @@ private:
     // Under m_: present again with a new generation; returns the nodes to tell.
     std::vector<std::weak_ptr<NodeState>> reenumerateLocked();
 
-    mutable std::mutex m_;
+    mutable SyncMutex m_;
     bool unplugged_ = false;
     uint64_t generation_ = 0;
-    std::condition_variable replugWake_;
+    std::condition_variable_any replugWake_;
     std::optional<Clock::time_point> replugAt_; // when the unplugged camera comes back
     bool replugStopped_ = false;
     std::thread replugThread_;

@@ -5,6 +5,8 @@
 // poll interposer can wake for POLLPRI. Control events reach every descriptor of a node
 // through its EventHub.
 
+#include "SyncMutex.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -50,8 +52,8 @@ private:
     void queueLocked(const v4l2_event& event);
     void syncWakeLocked();
 
-    mutable std::mutex m_;
-    std::condition_variable cv_;
+    mutable SyncMutex m_;
+    std::condition_variable_any cv_;
     std::set<Key> subscriptions_;
     std::set<Key> feedback_; // subscriptions with V4L2_EVENT_SUB_FL_ALLOW_FEEDBACK
     std::deque<Pending> pending_;

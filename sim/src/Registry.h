@@ -5,6 +5,7 @@
 #include "ActiveModel.h"
 #include "Handle.h"
 #include "Recorder.h"
+#include "SyncMutex.h"
 
 #include <atomic>
 #include <map>
@@ -42,7 +43,7 @@ private:
     Registry() = default;
     bool referencedLocked(const std::shared_ptr<Handle>& handle) const;
 
-    mutable std::mutex m_;
+    mutable SyncMutex m_;
     std::atomic<bool> active_{false};
     std::atomic<int> handleCount_{0};
     std::shared_ptr<ActiveModel> model_;

@@ -516,7 +516,7 @@ bool StreamQueue::isKeyFrame(uint64_t index) const
     return !content_ || content_->isKeyFrame(index);
 }
 
-void StreamQueue::produceLocked(std::unique_lock<std::mutex>& lock)
+void StreamQueue::produceLocked(std::unique_lock<SyncMutex>& lock)
 {
     const uint32_t index = queued_.front();
     queued_.pop_front();

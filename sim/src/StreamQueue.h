@@ -11,6 +11,7 @@
 #include "MmapBuffer.h"
 #include "Recorder.h"
 #include "Ring.h"
+#include "SyncMutex.h"
 #include "content/ContentSource.h"
 
 #include <atomic>
@@ -72,7 +73,7 @@ private:
     };
 
     void clockLoop();
-    void produceLocked(std::unique_lock<std::mutex>& lock);
+    void produceLocked(std::unique_lock<SyncMutex>& lock);
     void evaluateLocked();
     void syncReadinessLocked();
     void stopClock();
@@ -88,8 +89,8 @@ private:
     std::atomic<bool> nonBlocking_;
 
     std::mutex control_; // serialises what starts or joins the clock
-    mutable std::mutex m_;
-    std::condition_variable cv_;
+    mutable SyncMutex m_;
+    std::condition_variable_any cv_;
     std::vector<Buffer> buffers_;
     Ring<uint32_t> queued_;
     Ring<uint32_t> done_;
