@@ -15,5 +15,6 @@ packages=(
   libdrm-dev
   libavformat-dev
   clang libclang-rt-14-dev
+  gstreamer1.0-tools gstreamer1.0-plugins-good
 )
 install_packages install-deps "${packages[@]}"

@@ -11,6 +11,8 @@ namespace {
 
 constexpr std::string_view kClassDir = "/sys/class/video4linux";
 constexpr std::string_view kUsbDir = "/dev/bus/usb";
+// Only the video4linux major's entries: the host's other devices stay visible.
+constexpr std::string_view kCharDevPrefix = "/sys/dev/char/81:";
 
 bool under(std::string_view path, std::string_view dir)
 {
@@ -78,7 +80,8 @@ bool maySimulate(const char* path)
 {
     return path && path[0] == '/' &&
            (std::strncmp(path, "/dev", 4) == 0 ||
-            std::strncmp(path, kClassDir.data(), kClassDir.size()) == 0);
+            std::strncmp(path, kClassDir.data(), kClassDir.size()) == 0 ||
+            std::strncmp(path, kCharDevPrefix.data(), kCharDevPrefix.size()) == 0);
 }
 
 bool isCameraDevicePath(std::string_view path)
@@ -99,6 +102,7 @@ bool isCameraDevicePath(std::string_view path)
 
 ActiveModel::ActiveModel(Model model) : model_(normalised(std::move(model))), shadow_(model_)
 {
+    unsigned minor = 0; // in the order ShadowTree numbers them
     for (size_t c = 0; c < model_.cameras.size(); ++c) {
         const Camera& config = model_.cameras[c];
         auto camera = std::make_shared<CameraState>(config, int(c));
@@ -106,7 +110,7 @@ ActiveModel::ActiveModel(Model model) : model_(normalised(std::move(model))), sh
         if (!camera->usbPath.empty())
             camerasByUsbPath_[camera->usbPath] = camera;
         for (const Node& n : config.nodes) {
-            auto node = std::make_shared<NodeState>(n, camera, model_.unthrottled);
+            auto node = std::make_shared<NodeState>(n, camera, model_.unthrottled, minor++);
             camera->attach(node);
             nodes_.push_back(node);
             nodesByPath_[node->path] = node;
@@ -143,7 +147,7 @@ std::shared_ptr<CameraState> ActiveModel::camera(int index) const
 
 std::optional<std::string> ActiveModel::shadowPath(std::string_view path, PathUse use) const
 {
-    if (under(path, kClassDir))
+    if (under(path, kClassDir) || path.substr(0, kCharDevPrefix.size()) == kCharDevPrefix)
         return root() + std::string(path);
     if (use == PathUse::Open)
         return std::nullopt;

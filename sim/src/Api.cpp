@@ -3,6 +3,7 @@
 
 #include "ActiveModel.h"
 #include "DmabufMapping.h"
+#include "MmapBuffer.h"
 #include "Interposer.h"
 #include "Registry.h"
 #include "StreamQueue.h"
@@ -205,10 +206,11 @@ Stats stats()
     Registry& registry = Registry::instance();
     Stats s = registry.recorder().counters();
     const auto handles = registry.handles();
-    s.openDescriptors = int(handles.size());
+    s.openDescriptors = registry.descriptorCount();
     for (const auto& h : handles)
         h->addGauges(s);
     s.mappings = DmabufMapping::live();
+    s.mmapBuffers = MmapBuffer::live();
     s.clockThreads = StreamQueue::runningClocks();
     s.replugTimers = CameraState::replugTimers();
     return s;

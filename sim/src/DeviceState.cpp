@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <cerrno>
+#include <linux/videodev2.h>
 #include <cstdio>
 #include <system_error>
 
@@ -163,8 +164,9 @@ void CameraState::attach(const std::shared_ptr<NodeState>& node)
     nodes_.push_back(node);
 }
 
-NodeState::NodeState(const Node& config_, std::shared_ptr<CameraState> camera_, bool unthrottled_)
-    : config(config_), path("/dev/" + config_.name), camera(std::move(camera_)),
+NodeState::NodeState(const Node& config_, std::shared_ptr<CameraState> camera_, bool unthrottled_,
+                     unsigned minor_)
+    : config(config_), path("/dev/" + config_.name), minor(minor_), camera(std::move(camera_)),
       unthrottled(unthrottled_), faults_(config_.faults)
 {
     if (!config.formats.empty()) {
@@ -275,6 +277,24 @@ void NodeState::releaseQueue(const void* owner)
     std::lock_guard lock(m_);
     if (queueOwner_ == owner)
         queueOwner_ = nullptr;
+}
+
+void NodeState::changePriority(int from, int to)
+{
+    std::lock_guard lock(m_);
+    if (from >= 0)
+        --priorities_[size_t(from)];
+    if (to >= 0)
+        ++priorities_[size_t(to)];
+}
+
+int NodeState::highestPriority() const
+{
+    std::lock_guard lock(m_);
+    for (int p = int(priorities_.size()) - 1; p > 0; --p)
+        if (priorities_[size_t(p)] > 0)
+            return p;
+    return V4L2_PRIORITY_DEFAULT;
 }
 
 bool NodeState::queueClaimedByOther(const void* owner) const

@@ -3,9 +3,12 @@
 // them. Lock order: a stream's lock may be held while taking a node's or a camera's lock;
 // a node's and a camera's lock are never held together.
 
+#include "EventQueue.h"
 #include "FormatMath.h"
+#include "SyncMutex.h"
 #include "simcam/Model.h"
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -20,6 +23,9 @@
 namespace simcam {
 
 class NodeState;
+
+// The character device major of video4linux nodes.
+constexpr unsigned kVideoMajor = 81;
 
 class CameraState {
 public:
@@ -66,10 +72,10 @@ private:
     // Under m_: present again with a new generation; returns the nodes to tell.
     std::vector<std::weak_ptr<NodeState>> reenumerateLocked();
 
-    mutable std::mutex m_;
+    mutable SyncMutex m_;
     bool unplugged_ = false;
     uint64_t generation_ = 0;
-    std::condition_variable replugWake_;
+    std::condition_variable_any replugWake_;
     std::optional<Clock::time_point> replugAt_; // when the unplugged camera comes back
     bool replugStopped_ = false;
     std::thread replugThread_;
@@ -88,12 +94,15 @@ struct NodeSnapshot {
 
 class NodeState {
 public:
-    NodeState(const Node& config, std::shared_ptr<CameraState> camera, bool unthrottled);
+    NodeState(const Node& config, std::shared_ptr<CameraState> camera, bool unthrottled,
+              unsigned minor);
 
     const Node config; // formats, kind and name never change; live faults are below
     const std::string path;
+    const unsigned minor; // of the video4linux character device (major kVideoMajor)
     const std::shared_ptr<CameraState> camera;
     std::atomic<bool> unthrottled;
+    EventHub events; // of the descriptors open on the node
 
     bool isCapture() const { return config.kind == NodeKind::Capture; }
 
@@ -116,6 +125,11 @@ public:
     bool claimQueue(const void* owner);
     void releaseQueue(const void* owner);
     bool queueClaimedByOther(const void* owner) const;
+
+    // V4L2 priorities of the descriptors open on the node (VIDIOC_S_PRIORITY): one count
+    // per level. An ioctl that changes the device is refused below the highest level held.
+    void changePriority(int from, int to);
+    int highestPriority() const;
 
     // V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME: the next coded frame any stream of the node
     // produces starts a new GOP.
@@ -141,6 +155,7 @@ private:
     Interval timePerFrame_;
     std::optional<Interval> forcedTimePerFrame_;
     const void* queueOwner_ = nullptr;
+    std::array<int, 4> priorities_{};
     std::atomic<bool> keyFrameRequested_{false};
 };
 

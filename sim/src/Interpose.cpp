@@ -8,6 +8,7 @@
 #undef _TIME_BITS
 
 #include "ActiveModel.h"
+#include "DeviceStat.h"
 #include "HandleFactory.h"
 #include "Interposer.h"
 #include "RealLibc.h"
@@ -25,6 +26,7 @@
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #define SIMCAM_EXPORT extern "C" __attribute__((visibility("default")))
@@ -224,6 +226,89 @@ SIMCAM_EXPORT int close(int fd)
 
 namespace {
 
+// Forgets simulated `fd` before its number is reused by dup2/dup3, as close() would.
+void closingImplicitly(int fd)
+{
+    Registry& registry = Registry::instance();
+    if (registry.hasHandles())
+        if (auto handle = registry.take(fd))
+            handle->shutdown(false);
+}
+
+int duplicated(int oldFd, int newFd)
+{
+    if (newFd >= 0 && Registry::instance().hasHandles())
+        Registry::instance().alias(oldFd, newFd);
+    return newFd;
+}
+
+template <typename Fcntl>
+int routeFcntl(Fcntl fn, int fd, int cmd, void* arg)
+{
+    // O_NONBLOCK is the device's to follow; the eventfd behind it stays non-blocking.
+    if ((cmd == F_GETFL || cmd == F_SETFL) && Registry::instance().hasHandles()) {
+        if (auto handle = Registry::instance().find(fd); handle && handle->nonBlocking()) {
+            const long flags = long(reinterpret_cast<intptr_t>(arg));
+            const int result = forwardOr(fn, fd, cmd,
+                                         cmd == F_SETFL ? reinterpret_cast<void*>(flags | O_NONBLOCK) : arg);
+            if (result < 0)
+                return result;
+            if (cmd == F_SETFL) {
+                handle->setNonBlocking(flags & O_NONBLOCK);
+                return result;
+            }
+            return (result & ~O_NONBLOCK) | (*handle->nonBlocking() ? O_NONBLOCK : 0);
+        }
+    }
+    const int result = forwardOr(fn, fd, cmd, arg);
+    if (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC)
+        return duplicated(fd, result);
+    return result;
+}
+
+} // namespace
+
+// A duplicate of a simulated descriptor is the same device (GStreamer's pool works on one).
+SIMCAM_EXPORT int dup(int fd) noexcept
+{
+    return duplicated(fd, real::libc().dup(fd));
+}
+
+SIMCAM_EXPORT int dup2(int oldFd, int newFd) noexcept
+{
+    if (oldFd == newFd)
+        return real::libc().dup2(oldFd, newFd);
+    closingImplicitly(newFd);
+    return duplicated(oldFd, real::libc().dup2(oldFd, newFd));
+}
+
+SIMCAM_EXPORT int dup3(int oldFd, int newFd, int flags) noexcept
+{
+    if (oldFd != newFd)
+        closingImplicitly(newFd);
+    return duplicated(oldFd, real::libc().dup3(oldFd, newFd, flags));
+}
+
+SIMCAM_EXPORT int fcntl(int fd, int cmd, ...)
+{
+    va_list ap;
+    va_start(ap, cmd);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    return routeFcntl(real::libc().fcntl, fd, cmd, arg);
+}
+
+SIMCAM_EXPORT int fcntl64(int fd, int cmd, ...)
+{
+    va_list ap;
+    va_start(ap, cmd);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    return routeFcntl(real::libc().fcntl64, fd, cmd, arg);
+}
+
+namespace {
+
 // Carries out an ioctl on a simulated descriptor; false when `fd` is not one.
 bool simulatedIoctl(int fd, unsigned long request, void* arg, int& result)
 {
@@ -294,40 +379,136 @@ SIMCAM_EXPORT FILE* fopen64(const char* path, const char* mode)
     const char* p = shadowed(pathArg, PathUse::Inspect, storage);                               \
     return forwardOr(real::libc().fn, __VA_ARGS__)
 
+// A simulated node's placeholder file (or descriptor) shows as the character device.
+#define STAT_PATH(fn, pathArg, buf, ...)                                                        \
+    std::string storage;                                                                        \
+    const char* p = shadowed(pathArg, PathUse::Inspect, storage);                               \
+    const int result = forwardOr(real::libc().fn, __VA_ARGS__);                                 \
+    if (result == 0 && p != pathArg)                                                            \
+        if (auto device = nodeDevice(pathArg))                                                  \
+            markStat(buf, *device);                                                             \
+    return result
+
+#define STAT_FD(fn, fd, buf, ...)                                                               \
+    const int result = forwardOr(real::libc().fn, __VA_ARGS__);                                 \
+    if (result == 0)                                                                            \
+        if (auto device = descriptorDevice(fd))                                                 \
+            markStat(buf, *device);                                                             \
+    return result
+
+namespace {
+
+template <typename Stat>
+void markStat(Stat* st, dev_t device)
+{
+    markCharDevice(*st, device);
+}
+
+void markStat(struct statx* st, dev_t device)
+{
+    st->stx_mode = uint16_t(S_IFCHR | 0660);
+    st->stx_rdev_major = major(device);
+    st->stx_rdev_minor = minor(device);
+    st->stx_size = 0;
+}
+
+void markStat(void* st, dev_t device)
+{
+    markCharDeviceTime64(st, device);
+}
+
+// fstatat(fd, "", AT_EMPTY_PATH) inspects the descriptor itself.
+bool emptyPath(const char* path, int flags)
+{
+    return (flags & AT_EMPTY_PATH) && path && !*path;
+}
+
+} // namespace
+
 SIMCAM_EXPORT int stat(const char* path, struct stat* buf) noexcept
 {
-    INSPECT(stat, path, p, buf);
+    STAT_PATH(stat, path, buf, p, buf);
 }
 
 SIMCAM_EXPORT int lstat(const char* path, struct stat* buf) noexcept
 {
-    INSPECT(lstat, path, p, buf);
+    STAT_PATH(lstat, path, buf, p, buf);
 }
 
 SIMCAM_EXPORT int fstatat(int dirfd, const char* path, struct stat* buf, int flags) noexcept
 {
-    INSPECT(fstatat, path, dirfd, p, buf, flags);
+    if (emptyPath(path, flags)) {
+        STAT_FD(fstatat, dirfd, buf, dirfd, path, buf, flags);
+    }
+    STAT_PATH(fstatat, path, buf, dirfd, p, buf, flags);
 }
 
 SIMCAM_EXPORT int stat64(const char* path, struct stat64* buf) noexcept
 {
-    INSPECT(stat64, path, p, buf);
+    STAT_PATH(stat64, path, buf, p, buf);
 }
 
 SIMCAM_EXPORT int lstat64(const char* path, struct stat64* buf) noexcept
 {
-    INSPECT(lstat64, path, p, buf);
+    STAT_PATH(lstat64, path, buf, p, buf);
 }
 
 SIMCAM_EXPORT int fstatat64(int dirfd, const char* path, struct stat64* buf, int flags) noexcept
 {
-    INSPECT(fstatat64, path, dirfd, p, buf, flags);
+    if (emptyPath(path, flags)) {
+        STAT_FD(fstatat64, dirfd, buf, dirfd, path, buf, flags);
+    }
+    STAT_PATH(fstatat64, path, buf, dirfd, p, buf, flags);
 }
 
 SIMCAM_EXPORT int statx(int dirfd, const char* path, int flags, unsigned mask,
                         struct statx* buf) noexcept
 {
-    INSPECT(statx, path, dirfd, p, flags, mask, buf);
+    if (emptyPath(path, flags)) {
+        STAT_FD(statx, dirfd, buf, dirfd, path, flags, mask, buf);
+    }
+    STAT_PATH(statx, path, buf, dirfd, p, flags, mask, buf);
+}
+
+SIMCAM_EXPORT int fstat(int fd, struct stat* buf) noexcept
+{
+    STAT_FD(fstat, fd, buf, fd, buf);
+}
+
+SIMCAM_EXPORT int fstat64(int fd, struct stat64* buf) noexcept
+{
+    STAT_FD(fstat64, fd, buf, fd, buf);
+}
+
+// Callers built against C libraries before 2.33 reach stat through these.
+SIMCAM_EXPORT int __fxstat(int ver, int fd, struct stat* buf) noexcept
+{
+    STAT_FD(fxstat, fd, buf, ver, fd, buf);
+}
+
+SIMCAM_EXPORT int __fxstat64(int ver, int fd, struct stat64* buf) noexcept
+{
+    STAT_FD(fxstat64, fd, buf, ver, fd, buf);
+}
+
+SIMCAM_EXPORT int __xstat(int ver, const char* path, struct stat* buf) noexcept
+{
+    STAT_PATH(xstat, path, buf, ver, p, buf);
+}
+
+SIMCAM_EXPORT int __xstat64(int ver, const char* path, struct stat64* buf) noexcept
+{
+    STAT_PATH(xstat64, path, buf, ver, p, buf);
+}
+
+SIMCAM_EXPORT int __lxstat(int ver, const char* path, struct stat* buf) noexcept
+{
+    STAT_PATH(lxstat, path, buf, ver, p, buf);
+}
+
+SIMCAM_EXPORT int __lxstat64(int ver, const char* path, struct stat64* buf) noexcept
+{
+    STAT_PATH(lxstat64, path, buf, ver, p, buf);
 }
 
 SIMCAM_EXPORT int access(const char* path, int mode) noexcept
@@ -364,15 +545,23 @@ SIMCAM_EXPORT char* realpath(const char* path, char* resolved) noexcept
 // 32-bit C libraries with 64-bit time_t; the buffer is passed through untouched.
 SIMCAM_EXPORT int __stat64_time64(const char* path, void* buf)
 {
-    INSPECT(stat64_time64, path, p, buf);
+    STAT_PATH(stat64_time64, path, buf, p, buf);
 }
 
 SIMCAM_EXPORT int __lstat64_time64(const char* path, void* buf)
 {
-    INSPECT(lstat64_time64, path, p, buf);
+    STAT_PATH(lstat64_time64, path, buf, p, buf);
 }
 
 SIMCAM_EXPORT int __fstatat64_time64(int dirfd, const char* path, void* buf, int flags)
 {
-    INSPECT(fstatat64_time64, path, dirfd, p, buf, flags);
+    if (emptyPath(path, flags)) {
+        STAT_FD(fstatat64_time64, dirfd, buf, dirfd, path, buf, flags);
+    }
+    STAT_PATH(fstatat64_time64, path, buf, dirfd, p, buf, flags);
+}
+
+SIMCAM_EXPORT int __fstat64_time64(int fd, void* buf)
+{
+    STAT_FD(fstat64_time64, fd, buf, fd, buf);
 }

@@ -5,11 +5,15 @@
 // re-enters the simulator while it holds a lock.
 
 #include <dirent.h>
+#include <poll.h>
+#include <sys/select.h>
+#include <signal.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
 struct statx;
+struct epoll_event;
 
 namespace simcam::real {
 
@@ -23,6 +27,11 @@ struct Libc {
     int (*openat_2)(int, const char*, int);
     int (*openat64_2)(int, const char*, int);
     int (*close)(int);
+    int (*dup)(int);
+    int (*dup2)(int, int);
+    int (*dup3)(int, int, int);
+    int (*fcntl)(int, int, ...);
+    int (*fcntl64)(int, int, ...);
     int (*ioctl)(int, unsigned long, ...);
     DIR* (*opendir)(const char*);
     int (*stat)(const char*, struct stat*);
@@ -39,11 +48,31 @@ struct Libc {
     char* (*realpath)(const char*, char*);
     FILE* (*fopen)(const char*, const char*);
     FILE* (*fopen64)(const char*, const char*);
+    int (*fstat)(int, struct stat*);
+    int (*fstat64)(int, struct stat64*);
+    // Callers built against C libraries before 2.33.
+    int (*fxstat)(int, int, struct stat*);
+    int (*fxstat64)(int, int, struct stat64*);
+    int (*xstat)(int, const char*, struct stat*);
+    int (*xstat64)(int, const char*, struct stat64*);
+    int (*lxstat)(int, const char*, struct stat*);
+    int (*lxstat64)(int, const char*, struct stat64*);
+    void* (*mmap)(void*, size_t, int, int, int, off_t);
+    void* (*mmap64)(void*, size_t, int, int, int, off64_t);
+    int (*munmap)(void*, size_t);
+    int (*poll)(struct pollfd*, nfds_t, int);
+    int (*ppoll)(struct pollfd*, nfds_t, const struct timespec*, const sigset_t*);
+    int (*poll_chk)(struct pollfd*, nfds_t, int, size_t);
+    int (*ppoll_chk)(struct pollfd*, nfds_t, const struct timespec*, const sigset_t*, size_t);
+    int (*epoll_ctl)(int, int, int, struct epoll_event*);
+    int (*select)(int, fd_set*, fd_set*, fd_set*, struct timeval*);
+    int (*pselect)(int, fd_set*, fd_set*, fd_set*, const struct timespec*, const sigset_t*);
     // 32-bit C libraries built for 64-bit time_t route these calls through the following.
     int (*ioctl_time64)(int, unsigned long, ...);
     int (*stat64_time64)(const char*, void*);
     int (*lstat64_time64)(const char*, void*);
     int (*fstatat64_time64)(int, const char*, void*, int);
+    int (*fstat64_time64)(int, void*);
 };
 
 // Resolved on first use (thread-safe); entries the C library lacks are null.

@@ -1,5 +1,7 @@
 #include "Registry.h"
 
+#include <algorithm>
+
 namespace simcam {
 
 Registry& Registry::instance()
@@ -31,9 +33,29 @@ void Registry::add(int fd, std::shared_ptr<Handle> handle)
         previous = std::move(slot); // a number closed behind our back and reused
         slot = std::move(handle);
         handleCount_.store(int(handles_.size()), std::memory_order_release);
+        if (previous && referencedLocked(previous))
+            previous.reset();
     }
     if (previous)
         previous->shutdown(false);
+}
+
+bool Registry::alias(int oldFd, int newFd)
+{
+    std::shared_ptr<Handle> handle = find(oldFd);
+    if (!handle)
+        return false;
+    handle->duplicated();
+    add(newFd, std::move(handle));
+    return true;
+}
+
+bool Registry::referencedLocked(const std::shared_ptr<Handle>& handle) const
+{
+    for (const auto& [fd, h] : handles_)
+        if (h == handle)
+            return true;
+    return false;
 }
 
 std::shared_ptr<Handle> Registry::find(int fd) const
@@ -52,7 +74,7 @@ std::shared_ptr<Handle> Registry::take(int fd)
     std::shared_ptr<Handle> handle = std::move(it->second);
     handles_.erase(it);
     handleCount_.store(int(handles_.size()), std::memory_order_release);
-    return handle;
+    return referencedLocked(handle) ? nullptr : handle;
 }
 
 std::vector<std::shared_ptr<Handle>> Registry::handles() const
@@ -61,7 +83,8 @@ std::vector<std::shared_ptr<Handle>> Registry::handles() const
     std::vector<std::shared_ptr<Handle>> all;
     all.reserve(handles_.size());
     for (const auto& [fd, h] : handles_)
-        all.push_back(h);
+        if (std::find(all.begin(), all.end(), h) == all.end())
+            all.push_back(h);
     return all;
 }
 

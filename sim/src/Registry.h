@@ -5,6 +5,7 @@
 #include "ActiveModel.h"
 #include "Handle.h"
 #include "Recorder.h"
+#include "SyncMutex.h"
 
 #include <atomic>
 #include <map>
@@ -28,14 +29,21 @@ public:
 
     bool hasHandles() const noexcept { return handleCount_.load(std::memory_order_acquire) > 0; }
     void add(int fd, std::shared_ptr<Handle> handle);
+    // `newFd` is a duplicate (dup, dup2, F_DUPFD) of simulated `oldFd`: the same handle.
+    // False when `oldFd` is not simulated.
+    bool alias(int oldFd, int newFd);
     std::shared_ptr<Handle> find(int fd) const;
+    // Forgets `fd`; returns its handle when no other descriptor number refers to it.
     std::shared_ptr<Handle> take(int fd);
+    // Every handle once, however many numbers refer to it.
     std::vector<std::shared_ptr<Handle>> handles() const;
+    int descriptorCount() const noexcept { return handleCount_.load(std::memory_order_acquire); }
 
 private:
     Registry() = default;
+    bool referencedLocked(const std::shared_ptr<Handle>& handle) const;
 
-    mutable std::mutex m_;
+    mutable SyncMutex m_;
     std::atomic<bool> active_{false};
     std::atomic<int> handleCount_{0};
     std::shared_ptr<ActiveModel> model_;

@@ -76,6 +76,9 @@ void ShadowTree::build(const Model& model)
     const fs::path root(root_);
     fs::create_directories(root / "dev");
     fs::create_directories(classDir());
+    const fs::path charDir = root / "sys/dev/char";
+    fs::create_directories(charDir);
+    unsigned minor = 0; // every node of the model in order, as ActiveModel numbers them
     for (const std::string& name : model.otherDevNames)
         touch(root / "dev" / name);
 
@@ -106,7 +109,15 @@ void ShadowTree::build(const Model& model)
             fs::create_directories(nodeDir);
             writeFile(nodeDir / "name", camera.card + "\n");
             writeFile(nodeDir / "index", std::to_string(n) + "\n");
+            // What clients read to tell a video node from other character devices.
+            const std::string number = "81:" + std::to_string(minor);
+            writeFile(nodeDir / "dev", number + "\n");
+            writeFile(nodeDir / "uevent", "MAJOR=81\nMINOR=" + std::to_string(minor) +
+                                              "\nDEVNAME=" + node.name + "\n");
+            fs::create_symlink(nodesParent, nodeDir / "device");
             fs::create_symlink(nodeDir, fs::path(classDir()) / node.name);
+            fs::create_symlink(nodeDir, charDir / number);
+            ++minor;
             touch(root / "dev" / node.name);
         }
     }

@@ -4,6 +4,7 @@
 //   ROOT/dev/<node names, other names>      listed by opendir("/dev")
 //   ROOT/dev/bus/usb/BBB/DDD                 placeholders for stat()
 //   ROOT/sys/class/video4linux/<node>        absolute symlinks into ROOT/sys/devices/...
+//   ROOT/sys/dev/char/81:N                   the same node directories, by device number
 //   ROOT/sys/devices/.../busnum, devnum      where the camera's attachment puts them
 //
 // Only the entry points (opendir of /dev, paths under /sys/class/video4linux, stat of the

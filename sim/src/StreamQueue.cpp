@@ -1,5 +1,6 @@
 #include "StreamQueue.h"
 
+#include "RealLibc.h"
 #include "simcam/Chaos.h"
 
 #include <pthread.h>
@@ -9,6 +10,9 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -56,6 +60,18 @@ StreamQueue::StreamQueue(int eventFd, std::shared_ptr<NodeState> node, uint64_t 
 StreamQueue::~StreamQueue()
 {
     shutdown(false);
+    if (ownEventFd_ >= 0)
+        real::closeFd(ownEventFd_);
+}
+
+void StreamQueue::keepOwnDescriptor()
+{
+    std::lock_guard lock(m_);
+    if (ownEventFd_ >= 0 || !fdUsable_)
+        return;
+    ownEventFd_ = real::libc().fcntl(eventFd_, F_DUPFD_CLOEXEC, 0);
+    if (ownEventFd_ >= 0)
+        eventFd_ = ownEventFd_;
 }
 
 int StreamQueue::runningClocks()
@@ -66,7 +82,9 @@ int StreamQueue::runningClocks()
 int StreamQueue::requestBuffers(v4l2_requestbuffers& request)
 {
     std::lock_guard control(control_);
-    if (!isCaptureType(request.type) || request.memory != V4L2_MEMORY_DMABUF)
+    const uint32_t memory = request.memory;
+    if (!isCaptureType(request.type) ||
+        (memory != V4L2_MEMORY_DMABUF && memory != V4L2_MEMORY_MMAP))
         return EINVAL;
     const Faults faults = node_->faults();
     if (faults.busy)
@@ -80,6 +98,9 @@ int StreamQueue::requestBuffers(v4l2_requestbuffers& request)
         if (streaming_)
             return EBUSY;
     }
+    // The driver's streaming privilege: even freeing is refused to another descriptor.
+    if (node_->queueClaimedByOther(this))
+        return EBUSY;
     uint32_t granted = 0;
     if (request.count > 0)
         granted = faults.grantBuffers >= 0 ? uint32_t(faults.grantBuffers)
@@ -87,21 +108,93 @@ int StreamQueue::requestBuffers(v4l2_requestbuffers& request)
     if (granted > 0 && !node_->claimQueue(this))
         return EBUSY;
 
+    // Freeing comes first, as in videobuf2: a failed allocation leaves no buffers.
+    const uint32_t sizeimage = node_->format().sizeimage;
+    std::vector<Buffer> fresh(granted);
+    int error = 0;
+    if (memory == V4L2_MEMORY_MMAP) {
+        for (Buffer& b : fresh)
+            if (!(b.memory = MmapBuffer::allocate(sizeimage, error)))
+                break;
+    }
     {
         std::lock_guard lock(m_);
         buffers_.clear();
-        buffers_.resize(granted);
+        if (!error)
+            buffers_ = std::move(fresh);
         queued_.clear();
         done_.clear();
-        minLength_ = node_->format().sizeimage;
+        minLength_ = sizeimage;
+        memory_ = buffers_.empty() ? 0 : memory;
         waitingForBuffers_ = true;
         syncReadinessLocked();
     }
-    if (granted == 0)
+    if (granted == 0 || error)
         node_->releaseQueue(this);
+    if (error)
+        return error;
     request.count = granted;
-    request.capabilities = V4L2_BUF_CAP_SUPPORTS_DMABUF;
+    request.flags = 0; // no cache hints: every buffer is coherent
+    std::memset(request.reserved, 0, sizeof request.reserved);
+    request.capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_DMABUF |
+                           V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
     return 0;
+}
+
+uint32_t StreamQueue::offsetOf(uint32_t index) const
+{
+    // videobuf2 lays the planes out one after another, each starting on a page.
+    return index * uint32_t(pageAligned(minLength_));
+}
+
+std::shared_ptr<MmapBuffer> StreamQueue::bufferAt(uint64_t offset, size_t length, int prot,
+                                                  int flags, int& error) const
+{
+    std::lock_guard lock(m_);
+    error = EINVAL;
+    if (dead_) {
+        error = ENODEV;
+        return nullptr;
+    }
+    if (memory_ != V4L2_MEMORY_MMAP || !(flags & MAP_SHARED) || !(prot & PROT_READ))
+        return nullptr;
+    for (uint32_t i = 0; i < buffers_.size(); ++i) {
+        if (offsetOf(i) != offset)
+            continue;
+        if (length == 0 || length > pageAligned(minLength_))
+            return nullptr;
+        error = 0;
+        return buffers_[i].memory;
+    }
+    return nullptr;
+}
+
+int StreamQueue::exportBuffer(v4l2_exportbuffer& e) const
+{
+    std::lock_guard lock(m_);
+    if (dead_)
+        return ENODEV;
+    if (!isCaptureType(e.type) || memory_ != V4L2_MEMORY_MMAP || e.index >= buffers_.size() ||
+        e.plane != 0 || (e.flags & ~uint32_t(O_CLOEXEC | O_ACCMODE)))
+        return EINVAL;
+    // The buffer's own memfd under a new number: the caller maps or passes it on.
+    const int fd = real::libc().fcntl(buffers_[e.index].memory->fd(),
+                         (e.flags & O_CLOEXEC) ? F_DUPFD_CLOEXEC : F_DUPFD, 0);
+    if (fd < 0)
+        return errno;
+    e.fd = fd;
+    return 0;
+}
+
+short StreamQueue::pollEvents(short requested) const
+{
+    std::lock_guard lock(m_);
+    if (dead_ || !streaming_ || errorPending_)
+        return POLLERR;
+    // Before the first QBUF a capture queue reports an error to readers (a V4L2 quirk).
+    if (waitingForBuffers_ && (requested & (POLLIN | POLLRDNORM)))
+        return POLLERR;
+    return done_.empty() ? 0 : short(POLLIN | POLLRDNORM);
 }
 
 int StreamQueue::queryBuffer(v4l2_buffer& b) const
@@ -113,12 +206,18 @@ int StreamQueue::queryBuffer(v4l2_buffer& b) const
     if (faults.querybufErrno && (faults.querybufIndex < 0 || uint32_t(faults.querybufIndex) == b.index))
         return faults.querybufErrno;
     const Buffer& buf = buffers_[b.index];
-    b.memory = V4L2_MEMORY_DMABUF;
+    b.memory = memory_;
     b.length = minLength_;
     b.bytesused = buf.bytesused;
     b.field = V4L2_FIELD_NONE;
-    b.m.fd = buf.fd < 0 ? 0 : buf.fd;
     b.flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_SOE;
+    if (memory_ == V4L2_MEMORY_MMAP) {
+        b.m.offset = offsetOf(b.index);
+        if (buf.memory->isMapped())
+            b.flags |= V4L2_BUF_FLAG_MAPPED;
+    } else {
+        b.m.fd = buf.fd < 0 ? 0 : buf.fd;
+    }
     if (buf.state == Buffer::State::Queued || buf.state == Buffer::State::Filling)
         b.flags |= V4L2_BUF_FLAG_QUEUED;
     if (buf.state == Buffer::State::Done)
@@ -131,7 +230,7 @@ int StreamQueue::queueBuffer(v4l2_buffer& b)
     std::lock_guard lock(m_);
     if (dead_)
         return ENODEV;
-    if (!isCaptureType(b.type) || b.memory != V4L2_MEMORY_DMABUF || b.index >= buffers_.size())
+    if (!isCaptureType(b.type) || b.memory != memory_ || b.index >= buffers_.size())
         return EINVAL;
     Buffer& buf = buffers_[b.index];
     if (buf.state != Buffer::State::Idle)
@@ -145,7 +244,9 @@ int StreamQueue::queueBuffer(v4l2_buffer& b)
     if (streaming_ && f.streamQbufErrno && node.goodDequeues > uint64_t(f.streamQbufAfter))
         return f.streamQbufErrno;
 
-    if (!buf.mapping || !buf.mapping->sameBuffer(b.m.fd, b.length)) {
+    if (memory_ == V4L2_MEMORY_MMAP) {
+        buf.length = minLength_;
+    } else if (!buf.mapping || !buf.mapping->sameBuffer(b.m.fd, b.length)) {
         if (f.refuseMemfd && DmabufMapping::isMemfd(b.m.fd))
             return EINVAL;
         int error = 0;
@@ -154,13 +255,18 @@ int StreamQueue::queueBuffer(v4l2_buffer& b)
             return error;
         buf.mapping = std::move(mapping);
     }
-    buf.fd = b.m.fd;
-    buf.length = uint32_t(buf.mapping->size());
+    if (memory_ == V4L2_MEMORY_DMABUF) {
+        buf.fd = b.m.fd;
+        buf.length = uint32_t(buf.mapping->size());
+    }
     buf.state = Buffer::State::Queued;
     queued_.push_back(b.index);
     waitingForBuffers_ = false;
 
-    b.flags = (b.flags & ~(V4L2_BUF_FLAG_DONE | V4L2_BUF_FLAG_ERROR)) | V4L2_BUF_FLAG_QUEUED;
+    // As QUERYBUF would show it: cache hints the queue does not offer are dropped.
+    b.flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_SOE | V4L2_BUF_FLAG_QUEUED;
+    if (buf.memory && buf.memory->isMapped())
+        b.flags |= V4L2_BUF_FLAG_MAPPED;
     syncReadinessLocked();
     cv_.notify_all();
     return 0;
@@ -219,13 +325,16 @@ void StreamQueue::fillDequeued(const Buffer& buf, uint32_t index, v4l2_buffer& o
 {
     out.index = index;
     out.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    out.memory = V4L2_MEMORY_DMABUF;
+    out.memory = memory_;
     out.bytesused = buf.bytesused;
     out.flags = buf.flags;
     out.field = V4L2_FIELD_NONE;
     out.timestamp = buf.timestamp;
     out.sequence = buf.sequence;
-    out.m.fd = buf.fd;
+    if (memory_ == V4L2_MEMORY_MMAP)
+        out.m.offset = offsetOf(std::min(index, uint32_t(buffers_.size())));
+    else
+        out.m.fd = buf.fd;
     out.length = buf.length;
 }
 
@@ -302,13 +411,14 @@ void StreamQueue::shutdown(bool wake)
     stopClock();
     {
         std::lock_guard lock(m_);
-        if (!wake)
+        if (!wake && ownEventFd_ < 0)
             fdUsable_ = false;
         if (dead_)
             return;
         dead_ = true;
         streaming_ = false;
         buffers_.clear();
+        memory_ = 0;
         queued_.clear();
         done_.clear();
         content_.reset();
@@ -406,7 +516,7 @@ bool StreamQueue::isKeyFrame(uint64_t index) const
     return !content_ || content_->isKeyFrame(index);
 }
 
-void StreamQueue::produceLocked(std::unique_lock<std::mutex>& lock)
+void StreamQueue::produceLocked(std::unique_lock<SyncMutex>& lock)
 {
     const uint32_t index = queued_.front();
     queued_.pop_front();
@@ -425,8 +535,8 @@ void StreamQueue::produceLocked(std::unique_lock<std::mutex>& lock)
     const uint64_t frame = empty ? contentIndex_ : contentIndex_++;
     const std::shared_ptr<const ContentSource> content = content_;
     const PixFormat format = streamFormat_;
-    uint8_t* const dst = buf.mapping->data();
-    const size_t capacity = buf.mapping->size();
+    uint8_t* const dst = buf.memory ? buf.memory->data() : buf.mapping->data();
+    const size_t capacity = buf.memory ? size_t(minLength_) : buf.mapping->size();
 
     // The buffer is ours while Filling; render without holding up the client.
     lock.unlock();

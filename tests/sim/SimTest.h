@@ -136,6 +136,7 @@ protected:
         const simcam::Stats s = simcam::stats();
         EXPECT_EQ(s.openDescriptors, 0);
         EXPECT_EQ(s.mappings, 0);
+        EXPECT_EQ(s.mmapBuffers, 0);
         EXPECT_EQ(s.clockThreads, 0);
         EXPECT_EQ(s.replugTimers, 0);
     }

@@ -111,6 +111,7 @@ struct Stats {
     int buffersDequeued = 0;  // allocated buffers held by user space
     int streams = 0;          // descriptors streaming
     int mappings = 0;         // imported DMA-BUF mappings held
+    int mmapBuffers = 0;      // MMAP buffers alive (freed buffers live on while a client maps them)
     int clockThreads = 0;     // frame clock threads running
     int replugTimers = 0;     // replug=MS timer threads of the model's cameras (until cleared)
 
