@@ -430,16 +430,27 @@ const ControlInfo* VideoHandle::findControl(uint32_t id) const
     return nullptr;
 }
 
+namespace {
+
+// What both control queries answer alike; the rest of the structure is zero.
+template <class Query>
+void describeControl(Query& q, const ControlInfo& c)
+{
+    std::memset(&q, 0, sizeof q);
+    q.id = c.id;
+    q.type = c.type;
+    copyText(q.name, c.name);
+    q.flags = c.flags;
+}
+
+} // namespace
+
 int VideoHandle::queryControl(v4l2_queryctrl& q) const
 {
     const ControlInfo* c = findControl(q.id);
     if (!c)
         return EINVAL;
-    std::memset(&q, 0, sizeof q);
-    q.id = c->id;
-    q.type = c->type;
-    copyText(q.name, c->name);
-    q.flags = c->flags;
+    describeControl(q, *c);
     return 0;
 }
 
@@ -448,11 +459,7 @@ int VideoHandle::queryExtControl(v4l2_query_ext_ctrl& q) const
     const ControlInfo* c = findControl(q.id);
     if (!c)
         return EINVAL;
-    std::memset(&q, 0, sizeof q);
-    q.id = c->id;
-    q.type = c->type;
-    copyText(q.name, c->name);
-    q.flags = c->flags;
+    describeControl(q, *c);
     q.elem_size = sizeof(int32_t);
     q.elems = 1;
     return 0;
