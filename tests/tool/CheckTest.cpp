@@ -82,8 +82,9 @@ INSTANTIATE_TEST_SUITE_P(
 // The text report: a line per check, the details under it, the verdict last, as JSON has it.
 TEST(Check, TextReportIsTheJsonReportForAPerson)
 {
-    const ToolRun text = camcap({"--simulate", "h264,nokeyctl", "--check", "--check-seconds", "1"});
-    const ToolRun json = camcap({"--simulate", "h264,nokeyctl", "--check", "--check-seconds", "1", "--json"});
+    const QString model = "h264,nokeyctl,size=640x480";
+    const ToolRun text = camcap({"--simulate", model, "--check", "--check-seconds", "1"});
+    const ToolRun json = camcap({"--simulate", model, "--check", "--check-seconds", "1", "--json"});
     ASSERT_EQ(text.exitCode, 0) << qPrintable(text.err);
     const QStringList lines = QString::fromUtf8(text.out).split('\n', Qt::SkipEmptyParts);
     QStringList keys;

@@ -490,7 +490,9 @@ CameraCheck::Line CameraCheck::checkRecording()
                      QStringLiteral("--json"), QStringLiteral("--no-progress")};
     if (!m_options.pluginPath.isEmpty())
         argv << QStringLiteral("--plugin") << m_options.pluginPath;
-    const auto deadline = std::chrono::milliseconds(int64_t(m_options.checkSeconds * 1000) + 8000);
+    // A backstop only: camcap ends a silent camera's run itself (its stall timeout, after the
+    // grace a starting camera gets); an emulated or sanitized camcap may start slowly.
+    const auto deadline = std::chrono::milliseconds(int64_t(m_options.checkSeconds * 1000) + 30000);
     const ChildRun run = runChild(argv, dir.path(), deadline);
     if (run.spawnErrno || run.status == 127) {
         line.verdict = Verdict::Skipped;
