@@ -36,8 +36,6 @@ void onSignal(int)
 
 using codecs::kNegotiationOrder;
 
-QString codecName(int codec) { return codecs::name(codec); }
-
 // Whether the camera offers `codec` at w x h; at any size when w is 0.
 bool offers(const QList<MediaFormat>& formats, int codec, int w = 0, int h = 0)
 {
@@ -59,8 +57,8 @@ QString offered(const QList<MediaFormat>& formats)
 {
     QStringList codecs;
     for (const MediaFormat& f : formats) {
-        if (!codecs.contains(codecName(f.codecType)))
-            codecs << codecName(f.codecType);
+        if (!codecs.contains(codecs::name(f.codecType)))
+            codecs << codecs::name(f.codecType);
     }
     return QStringLiteral("it offers %1; --list-formats shows the sizes").arg(codecs.join(QStringLiteral(", ")));
 }
@@ -87,7 +85,7 @@ QJsonArray Session::formatList(const QList<MediaFormat>& formats) const
     for (const MediaFormat& f : formats) {
         const codecs::Codec* c = codecs::byCodec(f.codecType);
         const QStringList rates = c ? m_node->frameRates(c->fourcc, f.width, f.height) : QStringList();
-        list.append(QJsonObject{{QStringLiteral("codec"), codecName(f.codecType)},
+        list.append(QJsonObject{{QStringLiteral("codec"), codecs::name(f.codecType)},
                                 {QStringLiteral("width"), f.width},
                                 {QStringLiteral("height"), f.height},
                                 {QStringLiteral("fps"), QJsonArray::fromStringList(rates)}});
@@ -161,11 +159,11 @@ int Session::chooseFormat(const QList<MediaFormat>& formats)
             m_captureCodec = codec;
             m_deliveredCodec = codec == CODEC_TYPE_MJPEG ? CODEC_TYPE_MJPEG : CODEC_TYPE_H264;
             m_delivered = codec == CODEC_TYPE_MJPEG || codec == CODEC_TYPE_H264
-                              ? codecName(codec)
-                              : QStringLiteral("h264 (encoded from %1)").arg(codecName(codec));
+                              ? codecs::name(codec)
+                              : QStringLiteral("h264 (encoded from %1)").arg(codecs::name(codec));
             if (codec != wanted && wanted != CODEC_TYPE_H264)
                 std::fprintf(stderr, "camcap: note: the camera also offers %s at %dx%d, which the element prefers\n",
-                             qPrintable(codecName(codec)), w, h);
+                             qPrintable(codecs::name(codec)), w, h);
             return EXIT_OK;
         }
     }
@@ -478,7 +476,7 @@ void Session::printSummary(int code)
     const int64_t first = m_recorder ? m_recorder->firstFrameUs() : -1;
     const PinStats pin = m_recorder ? m_recorder->pinStats() : PinStats{};
     const QJsonObject summary{
-        {QStringLiteral("codec"), m_deliveredCodec < 0 ? QJsonValue() : QJsonValue(codecName(m_deliveredCodec))},
+        {QStringLiteral("codec"), m_deliveredCodec < 0 ? QJsonValue() : QJsonValue(codecs::name(m_deliveredCodec))},
         {QStringLiteral("width"), m_options.width},
         {QStringLiteral("height"), m_options.height},
         {QStringLiteral("frames"), m_recorder ? double(m_recorder->frames()) : 0.0},
