@@ -41,6 +41,14 @@ public:
     MediaInputPin(const MediaInputPin&) = delete;
     MediaInputPin& operator=(const MediaInputPin&) = delete;
 
+    // A consumer that would rather be called than woken: each delivered frame is handed to
+    // `handler` on the producer's thread, inside its queue(), and the handler releases it.
+    // That saves a thread switch a frame; a slow handler holds the producer up, as a full
+    // pool would. take() then finds nothing. close() (and the destructor) waits for a call
+    // in progress, so neither may be called from inside the handler.
+    using Handler = std::function<void(MediaFrame*)>;
+    void setHandler(Handler handler);
+
     // Oldest delivered frame, waiting up to timeoutMs (negative: no limit); null on timeout
     // or when closed and drained.
     MediaFrame* take(int timeoutMs);

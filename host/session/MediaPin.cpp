@@ -47,6 +47,7 @@ public:
     int deliver(MediaFrame* frame)
     {
         int result = PIN_OK;
+        bool handled = false;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             if (!owns(frame)) {
@@ -64,11 +65,21 @@ public:
                 result = PIN_GONE;
             }
             if (result == PIN_OK) {
-                m_delivered.push_back(frame);
                 ++m_stats.delivered;
+                handled = bool(m_handler);
+                if (!handled)
+                    m_delivered.push_back(frame);
             } else {
                 recycleLocked(frame);
             }
+        }
+        if (handled) {
+            std::lock_guard<std::mutex> calling(m_handlerMutex);
+            if (m_handler)
+                m_handler(frame);
+            else
+                release(frame);  // closed meanwhile
+            return result;
         }
         // Notified after unlocking: a waiter woken under the lock would block on it at once.
         (result == PIN_OK ? m_arrived : m_freed).notify_one();
@@ -103,13 +114,23 @@ public:
 
     void close()
     {
+        // Waits for a handler call in progress: the consumer may go once this returns.
+        std::lock_guard<std::mutex> calling(m_handlerMutex);
         std::lock_guard<std::mutex> lock(m_mutex);
+        m_handler = nullptr;
         m_closed = true;
         // Undelivered frames are no longer anyone's to read.
         m_delivered.forEach([this](MediaFrame* frame) { recycleLocked(frame); });
         m_delivered.clear();
         m_freed.notify_all();
         m_arrived.notify_all();
+    }
+
+    void setHandler(MediaInputPin::Handler handler)
+    {
+        std::lock_guard<std::mutex> calling(m_handlerMutex);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_handler = std::move(handler);
     }
 
     PinStats stats() const
@@ -135,6 +156,9 @@ private:
     }
 
     const unsigned int m_capacity;
+    // Changed only under both locks; deliver() reads it under either.
+    MediaInputPin::Handler m_handler;
+    std::mutex m_handlerMutex;  // held through a handler call; taken before m_mutex
     mutable std::mutex m_mutex;
     std::condition_variable m_freed;
     std::condition_variable m_arrived;
@@ -154,6 +178,7 @@ MediaInputPin::MediaInputPin(IMediaElement* owner, int poolFrames, unsigned int 
 
 MediaInputPin::~MediaInputPin() { m_connection->close(); }
 
+void MediaInputPin::setHandler(Handler handler) { m_connection->setHandler(std::move(handler)); }
 MediaFrame* MediaInputPin::take(int timeoutMs) { return m_connection->take(timeoutMs); }
 void MediaInputPin::release(MediaFrame* frame) { m_connection->release(frame); }
 void MediaInputPin::close() { m_connection->close(); }

@@ -5,7 +5,9 @@
 #include <cstring>
 #include <functional>
 #include <future>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "Logger.h"
 #include "MediaPin.h"
@@ -82,6 +84,43 @@ TEST(MediaPin, WaitingProducerLearnsWhatTheConsumerDid)
     PinPair pins(1);
     pins.input.close();
     EXPECT_EQ(send(pins.output, "late"), PIN_GONE);
+}
+
+// A consumer that asks to be called gets each frame on the producer's own thread, inside
+// queue(); closing waits for a call in progress, and nothing reaches the handler after it.
+TEST(MediaPin, HandlerRunsOnTheProducersThreadAndCloseWaitsForIt)
+{
+    PinPair pins(1);
+    std::vector<std::string> got;
+    std::thread::id caller;
+    bool hold = false;
+    std::promise<void> entered, leave;
+    std::shared_future<void> left = leave.get_future().share();
+    pins.input.setHandler([&](MediaFrame* frame) {
+        got.emplace_back(reinterpret_cast<const char*>(frame->bytes()), size_t(frame->size()));
+        caller = std::this_thread::get_id();
+        if (hold) {
+            entered.set_value();
+            left.wait();
+        }
+        pins.input.release(frame);
+    });
+    ASSERT_EQ(send(pins.output, "one"), PIN_OK);
+    ASSERT_EQ(send(pins.output, "two"), PIN_OK);  // a pool of one: the handler gave it back
+    EXPECT_EQ(got, (std::vector<std::string>{"one", "two"}));
+    EXPECT_EQ(caller, std::this_thread::get_id());
+    EXPECT_EQ(pins.input.take(0), nullptr);
+
+    hold = true;
+    auto producer = std::async(std::launch::async, [&] { return send(pins.output, "three"); });
+    entered.get_future().wait();
+    auto closer = std::async(std::launch::async, [&] { pins.input.close(); });
+    EXPECT_EQ(closer.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    leave.set_value();
+    closer.get();
+    EXPECT_EQ(producer.get(), PIN_OK);
+    EXPECT_EQ(send(pins.output, "late"), PIN_GONE);
+    EXPECT_EQ(got.size(), 3u);
 }
 
 // Without a consumer every request is gone; frames in flight survive the consumer.

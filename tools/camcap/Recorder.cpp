@@ -13,47 +13,50 @@ int64_t Recorder::nowUs()
 Recorder::Recorder(MediaOutputPin* pin, FrameSink* sink, int codec, Limits limits, Events events)
     : m_pin(pin), m_sink(sink), m_codec(codec), m_limits(limits), m_events(std::move(events))
 {
+    m_input.setHandler([this](MediaFrame* frame) { onFrame(frame); });
     m_pin->connect(&m_input);
-    resume();
 }
 
 void Recorder::resume()
 {
+    std::lock_guard<std::mutex> lock(m_gate);
     m_stop = false;
-    if (!m_thread.joinable())
-        m_thread = std::thread(&Recorder::run, this);
 }
 
-Recorder::~Recorder() { stop(); }
+// The pin waits for a frame being handled before it lets go of the recorder.
+Recorder::~Recorder()
+{
+    stop();
+    m_input.close();
+}
 
 void Recorder::stop()
 {
+    std::lock_guard<std::mutex> lock(m_gate);
     m_stop = true;
-    if (m_thread.joinable())
-        m_thread.join();
     if (m_heldUs >= 0) {
         deliver(m_held.data(), m_held.size(), m_heldUs);
         m_heldUs = -1;
     }
 }
 
-void Recorder::run()
+void Recorder::onFrame(MediaFrame* frame)
 {
-    while (!m_stop) {
-        MediaFrame* frame = m_input.take(100);
-        if (!frame)
-            continue;
-        const int64_t now = nowUs();
-        m_lastUs = now;
-        int64_t expected = -1;
-        if (m_firstUs.compare_exchange_strong(expected, now) && m_events.firstFrame)
-            m_events.firstFrame();
-        // Past the limit frames are still taken, so the element never sees a stalled
-        // consumer while the host is stopping it, but they are not recorded.
-        if (!limitReached() && !m_writeFailed && frame->size() > 0)
-            take(frame->bytes(), size_t(frame->size()), now);
-        m_input.release(frame);
+    {
+        std::lock_guard<std::mutex> lock(m_gate);
+        if (!m_stop) {
+            const int64_t now = nowUs();
+            m_lastUs = now;
+            int64_t expected = -1;
+            if (m_firstUs.compare_exchange_strong(expected, now) && m_events.firstFrame)
+                m_events.firstFrame();
+            // Past the limit frames are still taken, so the element never sees a stalled
+            // consumer while the host is stopping it, but they are not recorded.
+            if (!limitReached() && !m_writeFailed && frame->size() > 0)
+                take(frame->bytes(), size_t(frame->size()), now);
+        }
     }
+    m_input.release(frame);
 }
 
 void Recorder::take(const uint8_t* data, size_t size, int64_t timeUs)

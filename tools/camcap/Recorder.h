@@ -1,11 +1,12 @@
 #pragma once
 // The consuming end of the element's output pin: takes every delivered frame, stamps it with
-// the time it arrived, hands it to the sink and gives the pin frame back to the pool.
+// the time it arrived, hands it to the sink and gives the pin frame back to the pool. It
+// runs on the element's sender thread, inside the pin's queue(): no thread of its own to wake.
 
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <thread>
+#include <mutex>
 #include <vector>
 
 #include "FrameSink.h"
@@ -13,7 +14,7 @@
 
 class Recorder {
 public:
-    // Called on the recorder's thread.
+    // Called on the element's sender thread.
     struct Events {
         std::function<void()> firstFrame;
         std::function<void()> done;  // frame limit reached or writing failed
@@ -34,9 +35,11 @@ public:
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
 
-    // Joins the thread and writes what is still held; the sink is then the caller's again.
+    // Waits for a frame being written and writes what is still held; the sink is then the
+    // caller's again. Frames delivered while stopped go back to the pool unrecorded, so the
+    // element never sees a stalled consumer while the host is stopping it.
     void stop();
-    // Takes frames again after stop(), counting on.
+    // Records again after stop(), counting on.
     void resume();
 
     long long frames() const { return m_frames.load(); }
@@ -59,7 +62,7 @@ public:
     static int64_t nowUs();
 
 private:
-    void run();
+    void onFrame(MediaFrame* frame);
     void take(const uint8_t* data, size_t size, int64_t timeUs);
     void deliver(const uint8_t* data, size_t size, int64_t timeUs);
     // Follows the usual time between frames; a gap (the camera was away) does not count.
@@ -74,7 +77,8 @@ private:
     // An HEVC access unit may reach the pin in pieces; it is held until the next begins.
     std::vector<uint8_t> m_held;
     int64_t m_heldUs = -1;
-    std::atomic<bool> m_stop{false};
+    std::mutex m_gate;  // held while a frame is recorded; stop() takes it
+    bool m_stop = false;
     std::atomic<long long> m_frames{0};
     std::atomic<uint64_t> m_bytes{0};
     std::atomic<bool> m_writeFailed{false};
@@ -86,5 +90,4 @@ private:
     std::atomic<int64_t> m_lastUs{-1};
     std::atomic<int64_t> m_recordedUntilUs{-1};
     std::atomic<int64_t> m_largestGapUs{0};
-    std::thread m_thread;
 };
