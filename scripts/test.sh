@@ -44,7 +44,7 @@ export LSAN_OPTIONS=suppressions=$PWD/sim/content/x265.lsan.supp
 stage "build (ASan+UBSan)" native_build "$build_root/build-asan" -DSANITIZE=address -DCMAKE_BUILD_TYPE=Debug
 stage "tests (ASan+UBSan)" run_suite "$build_root/build-asan"
 # Faults arriving together for SOAK_SECONDS (the README has the hour-long command).
-stage "chaos soak (ASan+UBSan)" env SOAK_SECONDS="${SOAK_SECONDS:-300}" \
+stage "chaos soak (ASan+UBSan)" env SOAK_SECONDS="${SOAK_SECONDS:-120}" \
   ctest --test-dir "$build_root/build-asan" --output-on-failure -L soak
 
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp"
