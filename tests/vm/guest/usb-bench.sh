@@ -5,7 +5,8 @@
 # 640x480 passed through (then measured once more from outside with GNU time: the table
 # must agree within 20 %), NV12 encoded to H.264 by camcap and by GStreamer's openh264enc.
 # BENCH_RUNS (default 3), BENCH_FRAMES (default 300/30), BENCH_RAW_FRAMES (default 40/10);
-# BENCH_CODED=0 or BENCH_RAW=0 leaves that half out; BENCH_GOALS=1 holds camcap's
+# BENCH_CODED=0 or BENCH_RAW=0 leaves that half out, BENCH_PEERS narrows the consumers
+# (peers.sh --peers); BENCH_GOALS=1 holds camcap's
 # passthrough rows to the goals (check_goals).
 . "$(dirname "$0")/lib.sh"
 PEERS=$(dirname "$0")/../../../bench/peers.sh
@@ -54,7 +55,7 @@ check_goals() {
 
 start_usb_camera --formats h264,mjpeg --sizes 640x480 || { fail "USB camera enumerates"; finish; }
   bash "$PEERS" --device "$CAM_NODE" --bin "$BIN" --runs "$runs" --frames "${BENCH_FRAMES:-300/30}" \
-    --coded h264:640x480,mjpeg:640x480 --raw "" --verify > "$OUT/bench-coded.txt" 2>&1
+    --coded h264:640x480,mjpeg:640x480 --raw "" --verify ${BENCH_PEERS:+--peers "$BENCH_PEERS"} > "$OUT/bench-coded.txt" 2>&1
   check_rows "passthrough" "$OUT/bench-coded.txt" camcap gst ffmpeg bare
   [ "${BENCH_GOALS:-0}" = 1 ] && check_goals "$OUT/bench-coded.txt"
   stop_usb_camera
@@ -65,7 +66,7 @@ fi
 if [ "${BENCH_RAW:-1}" != 0 ]; then
   start_usb_camera --formats nv12 --sizes 320x240 --fps 10 || { fail "NV12 camera enumerates"; finish; }
   bash "$PEERS" --device "$CAM_NODE" --bin "$BIN" --runs "$runs" --raw-frames "${BENCH_RAW_FRAMES:-40/10}" \
-    --coded "" --raw nv12:320x240 > "$OUT/bench-raw.txt" 2>&1
+    --coded "" --raw nv12:320x240 ${BENCH_PEERS:+--peers "$BENCH_PEERS"} > "$OUT/bench-raw.txt" 2>&1
   check_rows "encoding" "$OUT/bench-raw.txt" camcap gst
   stop_usb_camera
 fi
