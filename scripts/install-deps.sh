@@ -15,6 +15,8 @@ packages=(
   libdrm-dev
   libavformat-dev
   clang libclang-rt-14-dev
-  gstreamer1.0-tools gstreamer1.0-plugins-good
+  gstreamer1.0-tools gstreamer1.0-plugins-good v4l-utils
+  # The peers benchmark (bench/peers.sh): openh264enc, and GNU time for its outside check.
+  gstreamer1.0-plugins-bad time
 )
 install_packages install-deps "${packages[@]}"
