@@ -62,11 +62,13 @@ start_usb_camera --formats h264,mjpeg --sizes 640x480 || { fail "USB camera enum
   for _ in $(seq 50); do uvc_capture_node >/dev/null || break; sleep 0.2; done
 fi
 
-# Raw pictures crawl through the emulated bus: a small size at a low rate.
+# Raw pictures crawl through the emulated bus: a small size at a low rate
+# (BENCH_RAW_SIZE, BENCH_RAW_FPS).
+raw_size=${BENCH_RAW_SIZE:-320x240}
 if [ "${BENCH_RAW:-1}" != 0 ]; then
-  start_usb_camera --formats nv12 --sizes 320x240 --fps 10 || { fail "NV12 camera enumerates"; finish; }
+  start_usb_camera --formats nv12 --sizes "$raw_size" --fps "${BENCH_RAW_FPS:-10}" || { fail "NV12 camera enumerates"; finish; }
   bash "$PEERS" --device "$CAM_NODE" --bin "$BIN" --runs "$runs" --raw-frames "${BENCH_RAW_FRAMES:-40/10}" \
-    --coded "" --raw nv12:320x240 ${BENCH_PEERS:+--peers "$BENCH_PEERS"} > "$OUT/bench-raw.txt" 2>&1
+    --coded "" --raw "nv12:$raw_size" ${BENCH_PEERS:+--peers "$BENCH_PEERS"} > "$OUT/bench-raw.txt" 2>&1
   check_rows "encoding" "$OUT/bench-raw.txt" camcap gst
   stop_usb_camera
 fi
