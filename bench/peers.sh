@@ -154,8 +154,9 @@ for c in "${raw_cases[@]}"; do
 done
 
 # The table: per row, both figures and their ratios to the best other consumer (the
-# lowest of GStreamer and FFmpeg) and to the bare loop of the same case.
-awk '
+# lowest of GStreamer and FFmpeg) and to the bare loop of the same case; camcap's ratios
+# also as "BENCH-RATIO" lines, for a caller to hold to goals.
+awk -v ratios="$dir/ratios.txt" '
   /^BENCH / {
     key = $2 " " $3; peer = $4; sub("total_us=", "", $5); sub("started_us=", "", $6)
     if (!(key in seen)) { seen[key] = 1; order[++cases] = key }
@@ -180,9 +181,15 @@ awk '
                (best != "" && p != best) ? ratio(started[key, p], started[key, best]) : "",
                (total[key, "bare"] > 0 && p != "bare") ? ratio(total[key, p], total[key, "bare"]) : "",
                (total[key, "bare"] > 0 && p != "bare") ? ratio(started[key, p], started[key, "bare"]) : ""
+        if (p == "camcap" && best != "")
+          printf "BENCH-RATIO %s camcap best=%s total/best=%.3f started/best=%.3f total/bare=%s\n", key, best,
+                 total[key, p] / total[key, best], started[key, p] / started[key, best],
+                 (total[key, "bare"] > 0 ? sprintf("%.3f", total[key, p] / total[key, "bare"]) : "-") > ratios
       }
     }
   }' "$results" | tee "$dir/table.txt"
+touch "$dir/ratios.txt"
+tee -a "$results" < "$dir/ratios.txt"
 
 status=0
 if [ "$verify" = 1 ]; then

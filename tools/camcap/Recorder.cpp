@@ -48,8 +48,7 @@ void Recorder::onFrame(MediaFrame* frame)
             const int64_t now = nowUs();
             m_lastUs = now;
             int64_t expected = -1;
-            if (m_firstUs.compare_exchange_strong(expected, now) && m_events.firstFrame)
-                m_events.firstFrame();
+            m_firstUs.compare_exchange_strong(expected, now);
             // Past the limit frames are still taken, so the element never sees a stalled
             // consumer while the host is stopping it, but they are not recorded.
             if (!limitReached() && !m_writeFailed && frame->size() > 0)

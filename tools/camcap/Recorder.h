@@ -16,7 +16,6 @@ class Recorder {
 public:
     // Called on the element's sender thread.
     struct Events {
-        std::function<void()> firstFrame;
         std::function<void()> done;  // frame limit reached or writing failed
         std::function<void()> keyFrameDue;
         long long keyFrameEvery = 0;
